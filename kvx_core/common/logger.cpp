@@ -1,0 +1,86 @@
+#include "common/logger.h"
+
+#include <istream>
+#include <stdexcept>
+
+#include <boost/log/attributes/constant.hpp>
+#include <boost/log/attributes/value_extraction.hpp>
+#include <boost/log/core/core.hpp>
+#include <boost/log/keywords/channel.hpp>
+#include <boost/log/keywords/severity.hpp>
+
+namespace Common {
+namespace logging {
+
+namespace attributes {
+namespace {
+constexpr const char* kSeverityNames[] = {"trace", "verbose", "message", "info", "warning", "error"};
+}
+
+const char* SeverityName(SeverityLevel level) {
+    const auto index = static_cast<unsigned>(level);
+    if (index < sizeof(kSeverityNames) / sizeof(kSeverityNames[0])) {
+        return kSeverityNames[index];
+    }
+    return "unknown";
+}
+
+SeverityLevel ParseSeverity(const std::string& name) {
+    for (unsigned i = 0; i < sizeof(kSeverityNames) / sizeof(kSeverityNames[0]); ++i) {
+        if (name == kSeverityNames[i]) {
+            return static_cast<SeverityLevel>(i);
+        }
+    }
+    throw std::runtime_error("unable to find severity for string: " + name);
+}
+
+std::ostream& operator<<(std::ostream& os, SeverityLevel level) { return os << SeverityName(level); }
+
+std::istream& operator>>(std::istream& is, SeverityLevel& level) {
+    std::string name;
+    if (is >> name) {
+        level = ParseSeverity(name);
+    }
+    return is;
+}
+}  // namespace attributes
+
+BOOST_LOG_GLOBAL_LOGGER_INIT(BoostLoggerWrapper, BoostLogger) {
+    return BoostLogger(boost::log::keywords::channel = std::string(kDefaultChannel));
+}
+
+namespace detail {
+
+RecordPump::RecordPump(attributes::SeverityLevel level, const char* channel, const char* function) {
+    auto& logger = BoostLoggerWrapper::get();
+    m_record = logger.open_record(
+        (boost::log::keywords::severity = level, boost::log::keywords::channel = std::string(channel)));
+    if (m_record) {
+        m_record.attribute_values().insert(
+            "Function", boost::log::attributes::make_constant(std::string(function)).get_value());
+        m_stream.attach_record(m_record);
+    }
+}
+
+void RecordPump::Finish() {
+    if (m_done) {
+        return;
+    }
+    m_done = true;
+    if (m_record) {
+        m_stream.flush();
+        m_stream.detach_from_record();
+        BoostLoggerWrapper::get().push_record(std::move(m_record));
+    }
+}
+
+RecordPump::~RecordPump() {
+    // A record whose streaming threw is dropped rather than half-written.
+    if (m_stream) {
+        m_stream.detach_from_record();
+    }
+}
+
+}  // namespace detail
+}  // namespace logging
+}  // namespace Common
