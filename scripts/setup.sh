@@ -17,6 +17,8 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-numpy python3-h5py
   openssl
+  libedlib-dev seqkit
+  libminimap2-dev
 )
 
 missing=()
