@@ -1,6 +1,134 @@
-#include <iostream>
+// Entry point of the pair basecaller. The order of the steps matters: the data path is checked before
+// anything else is answered, workflows are scanned even for --help (a broken .cfg stops every start),
+// and logging exists only once the save path does, so every failure before that goes to stderr.
 
-int main() {
-    std::cout << "basecaller_1d2: under construction" << std::endl;
+#include <cstdint>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/filesystem/path.hpp>
+
+#include "async_caller/workflow_catalogue.h"
+#include "basecall_1d2_params.h"
+#include "common/logger.h"
+#include "common/logger_group.h"
+#include "run_header.h"
+
+namespace fs = boost::filesystem;
+using Common::Parameters;
+
+namespace {
+
+std::string prefixIfBare(const std::string& name, const std::string& directory) {
+    if (name.empty() || fs::path(name).has_parent_path()) {
+        return name;
+    }
+    return (fs::path(directory) / name).string();
+}
+
+int runMain(int argc, char** argv) {
+    Marlo::Basecall1D2Params params;
+    const std::uint32_t flags = params.ParseArguments(nullptr, "", argc, argv, "");
+
+    if (!fs::exists(params.data_path)) {
+        // A path streams quoted, with '&' as its escape character.
+        std::cerr << "Selected data path " << fs::path(params.data_path) << " does not exist!  Exiting."
+                  << std::endl;
+        return -1;
+    }
+
+    const AsyncCaller::WorkflowCatalogue workflows = AsyncCaller::ScanWorkflows(params.data_path);
+
+    const bool help = (flags & Parameters::HelpRequested) != 0;
+    const bool version = (flags & Parameters::VersionRequested) != 0;
+    const bool failed = (flags & Parameters::ParseFailed) != 0;
+    bool answered = help;
+    if (help) {
+        std::cout << Marlo::Banner() << std::endl;
+        std::cout << params.MessageText() << std::endl;
+    }
+    if (version) {
+        std::cout << Marlo::Banner() << std::endl;
+        if (failed) {
+            answered = true;
+        }
+    }
+    if (params.print_workflows) {
+        AsyncCaller::PrintWorkflows(workflows);
+        if (failed) {
+            return 0;
+        }
+    }
+    if (answered) {
+        return 0;
+    }
+    // Notices (unexpected options, a failed ValidateParams) never stop a run; only errors do.
+    if (flags != 0 && flags != Parameters::VersionRequested) {
+        std::cout << params.MessageText() << std::endl;
+        std::cerr << params.ErrorText() << std::endl;
+        if (!params.ErrorText().empty()) {
+            return -1;
+        }
+    }
+
+    params.cpu_mode = true;
+    params.gpu_mode = false;
+    params.use_service = false;
+    if (!params.port.empty()) {
+        params.cpu_mode = false;
+        params.use_service = true;
+    }
+    if (!params.device.empty()) {
+        throw std::runtime_error("This build does not support GPU basecalling mode.");
+    }
+    if (params.gpu_mode && params.use_service) {
+        throw std::runtime_error(
+            "User specified both GPU mode and basecalling service hostname. Must specify at most one of those "
+            "options.");
+    }
+
+    AsyncCaller::SelectWorkflow(workflows, params, argc, argv);
+
+    if (!params.save_path.empty() && !fs::exists(params.save_path)) {
+        fs::create_directories(params.save_path);
+    }
+
+    params.model_file = prefixIfBare(params.model_file, params.data_path);
+    params.score_matrix = prefixIfBare(params.score_matrix, params.data_path);
+
+    Common::logging::LoggerOptions log_options = Common::logging::LoggerOptionsUtils::GetDefaultMarloLogOptions(
+        params.quiet, params.verbose_logs, params.trace_categories_logs);
+    log_options.log_path = params.save_path;
+    log_options.core_file_name = "marlo_basecaller_1d2";
+    log_options.verbose_file_name = "marlo_basecaller__1d2_verbose";
+    const Common::logging::LoggerGroup logger_group(log_options);
+
+    KVX_LOG(message) << Marlo::RunHeader(params);
+
+    // RUN DRIVER: constructing and running Marlo::Basecaller1D2 goes here, in an inner guard:
+    //     try {
+    //         { Marlo::Basecaller1D2 caller(params); caller.Setup(); caller.Run(); }
+    //         KVX_LOG(message) << "Basecalling completed successfully.";
+    //         return 0;
+    //     } catch (const std::exception& e) {
+    //         KVX_LOG(error) << e.what();
+    //         KVX_LOG(error) << "An error occurred in the basecaller. Aborting.";
+    //         return -1;
+    //     }
+    // The driver does not exist in this build yet, so the program stops after the run header.
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return runMain(argc, argv);
+    } catch (const std::exception& e) {
+        std::cerr << e.what() << std::endl;
+        return -1;
+    }
 }

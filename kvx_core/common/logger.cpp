@@ -46,6 +46,9 @@ std::istream& operator>>(std::istream& is, SeverityLevel& level) {
 }  // namespace attributes
 
 BOOST_LOG_GLOBAL_LOGGER_INIT(BoostLoggerWrapper, BoostLogger) {
+    // With no sink registered, Boost.Log would print through its default console sink. Records are to
+    // go nowhere until a LoggerGroup exists, so the core starts closed; the group opens it.
+    boost::log::core::get()->set_filter([](const boost::log::attribute_value_set&) { return false; });
     return BoostLogger(boost::log::keywords::channel = std::string(kDefaultChannel));
 }
 

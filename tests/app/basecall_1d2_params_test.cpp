@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/filesystem.hpp>
+
+#include "basecall_1d2_params.h"
+
+namespace fs = boost::filesystem;
+using Common::Parameters;
+using Marlo::Basecall1D2Params;
+
+namespace {
+
+std::uint32_t Parse(Basecall1D2Params& params, std::vector<std::string> args, std::istream* config = nullptr) {
+    args.insert(args.begin(), "prog");
+    std::vector<const char*> argv;
+    for (const auto& arg : args) {
+        argv.push_back(arg.c_str());
+    }
+    return params.ParseArguments(config, "", static_cast<int>(argv.size()), argv.data(), "");
+}
+
+const std::vector<std::string> kRequired = {"-f", "index.txt", "-s", "out"};
+
+std::vector<std::string> With(std::vector<std::string> args) {
+    args.insert(args.end(), kRequired.begin(), kRequired.end());
+    return args;
+}
+
+}  // namespace
+
+TEST(Basecall1D2Params, OwnOptionsFollowTheFamilyOnesWithTheirSources) {
+    // B both, L command line, S switch, R required on the command line.
+    const std::vector<std::pair<std::string, char>> own = {
+        {"score_matrix", 'B'}, {"records_per_fastq", 'B'}, {"winsize1", 'B'}, {"winsize2", 'B'},
+        {"threshold1", 'B'}, {"threshold2", 'B'}, {"band_size", 'B'}, {"pa_band_size", 'B'},
+        {"gap_penalty", 'B'}, {"start_end_penalty", 'B'}, {"reverse_sequence", 'B'}, {"u_substitution", 'B'},
+        {"input_path", 'B'}, {"index_file", 'R'}, {"save_path", 'R'}, {"port", 'L'}, {"recursive", 'S'},
+        {"override_scaling", 'S'}, {"scaling_med", 'L'}, {"scaling_mad", 'L'},
+    };
+    Basecall1D2Params params;
+    Parse(params, With({}));
+    const auto& names = params.OptionNames();
+    ASSERT_EQ(names.size(), 36u + own.size());
+    EXPECT_EQ(names.front(), "print_workflows");
+    for (std::size_t i = 0; i < own.size(); ++i) {
+        EXPECT_EQ(names[36 + i], own[i].first);
+        EXPECT_EQ(params.IsConfigOption(own[i].first), own[i].second == 'B') << own[i].first;
+    }
+    EXPECT_TRUE(params.IsConfigOption("ipc_threads"));
+    EXPECT_EQ(params.PrintOption("records_per_fastq"), "4000");
+    EXPECT_EQ(params.PrintOption("band_size"), "5");
+    EXPECT_EQ(params.PrintOption("pa_band_size"), "1000");
+    EXPECT_EQ(params.PrintOption("gap_penalty"), "500");
+    EXPECT_EQ(params.PrintOption("start_end_penalty"), "300");
+    EXPECT_EQ(params.PrintOption("threshold1"), "0.000000");
+    EXPECT_FALSE(params.use_service);
+}
+
+TEST(Basecall1D2Params, ConfigFileAndCommandLine) {
+    std::istringstream config(
+        "chunk_size = 600\nrecords_per_fastq = 0\nipc_threads = 8\nscaling_med = 90\nindex_file = idx\n"
+        "gap_penalty = -4\nreverse_sequence = true\n");
+    Basecall1D2Params params;
+    const auto flags = Parse(params, {"--chunk_size", "700", "-s", "out", "-q", "12", "-r", "--scaling_mad", "2.5",
+                                      "-p", "host:5555", "-i", "reads"},
+                             &config);
+    EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed | Parameters::UnexpectedOption));
+    EXPECT_EQ(params.chunk_size, 700u);
+    EXPECT_EQ(params.records_per_fastq, 12u);
+    EXPECT_EQ(params.gap_penalty, -4);
+    EXPECT_TRUE(params.reverse_sequence);
+    EXPECT_TRUE(params.recursive);
+    EXPECT_FLOAT_EQ(params.scaling_mad, 2.5f);
+    EXPECT_FLOAT_EQ(params.scaling_med, 0.0f);
+    EXPECT_EQ(params.port, "host:5555");
+    EXPECT_EQ(params.input_path, "reads");
+    EXPECT_EQ(params.index_file, "");
+    // Command-line-only options are unexpected in a file; a required one is then also missing.
+    EXPECT_EQ(params.MessageText(),
+              "Unexpected option 'scaling_med' found in configuration file.\n"
+              "Unexpected option 'index_file' found in configuration file.\n");
+    EXPECT_EQ(params.ErrorText(), "Missing required option 'index_file'.\n");
+}
+
+TEST(Basecall1D2Params, ZeroRecordsPerFastqIsKept) {
+    Basecall1D2Params params;
+    EXPECT_EQ(Parse(params, With({"--records_per_fastq", "0"})), 0u) << params.ErrorText();
+    EXPECT_EQ(params.records_per_fastq, 0u);
+}
+
+TEST(Basecall1D2Params, HelpShowsTheTextsAsWritten) {
+    Basecall1D2Params params;
+    const auto flags = Parse(params, {"--help"});
+    EXPECT_TRUE(flags & Parameters::HelpRequested);
+    const auto& help = params.MessageText();
+    for (const char* text : {"Shirt time-scale threshold for event", "Substute 'U' for 'T'",
+                             "-f [ --index_file ] arg", "-q [ --records_per_fastq ] arg", "-r [ --recursive ]",
+                             "-d [ --data_path ] arg", "produce help message"}) {
+        EXPECT_NE(help.find(text), std::string::npos) << text;
+    }
+    EXPECT_EQ(help.find("ipc_threads"), std::string::npos);
+    EXPECT_EQ(help.find("compatible_kits"), std::string::npos);
+}
+
+TEST(Basecall1D2Params, CopiesKeepTheirValues) {
+    Basecall1D2Params params;
+    Parse(params, With({"--band_size", "9"}));
+    const Basecall1D2Params copy(params);
+    EXPECT_EQ(copy.band_size, 9u);
+    EXPECT_EQ(copy.index_file, "index.txt");
+    EXPECT_EQ(copy.OptionNames(), params.OptionNames());
+}

@@ -1,0 +1,238 @@
+// Runs the program itself and checks what a user sees: exit value, standard output and error, logs.
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem.hpp>
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+const std::string kProgram = std::string(KVX_BINARY_DIR) + "/bin/basecaller_1d2";
+const std::string kDataPath = std::string(KVX_BINARY_DIR) + "/data";
+const std::string kBannerLine = ": KVX Marlo 1d-squared basecaller, (C) KVX Marlo developers. Version 2.3.5+53a111f\n";
+
+std::string Slurp(const fs::path& path) {
+    std::ifstream in(path.string());
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+std::string Quote(const std::string& arg) {
+    std::string quoted = "'";
+    for (const char c : arg) {
+        if (c == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "'";
+}
+
+struct Result {
+    int code = 0;
+    std::string out;
+    std::string err;
+};
+
+class MainTest : public testing::Test {
+protected:
+    MainTest() : dir(fs::temp_directory_path() / fs::unique_path("kvx-main-%%%%-%%%%")) {
+        fs::create_directories(dir);
+    }
+    ~MainTest() override { fs::remove_all(dir); }
+
+    Result Run(const std::vector<std::string>& args) const {
+        std::string command = Quote(kProgram);
+        for (const auto& arg : args) {
+            command += " " + Quote(arg);
+        }
+        const auto out = dir / "stdout.txt";
+        const auto err = dir / "stderr.txt";
+        command += " >" + Quote(out.string()) + " 2>" + Quote(err.string()) + " </dev/null";
+        const int status = std::system(command.c_str());
+        Result result;
+        result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1000;
+        result.out = Slurp(out);
+        result.err = Slurp(err);
+        return result;
+    }
+
+    // Contents of the log file of `base` in directory `save`, empty if there is none.
+    static std::string Log(const fs::path& save, const std::string& base) {
+        if (!fs::exists(save)) {
+            return {};
+        }
+        const std::regex name(base + "_log-\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d\\.log");
+        for (fs::directory_iterator it(save), end; it != end; ++it) {
+            if (std::regex_match(it->path().filename().string(), name)) {
+                return Slurp(it->path());
+            }
+        }
+        return {};
+    }
+
+    fs::path dir;
+};
+
+}  // namespace
+
+TEST_F(MainTest, NoArgumentsShowsHelp) {
+    const auto result = Run({});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.out.rfind(kBannerLine + "Command line parameters:\n", 0), 0u) << result.out;
+    EXPECT_NE(result.out.find("  -f [ --index_file ] arg"), std::string::npos);
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(MainTest, BadDataPathIsReportedBeforeHelp) {
+    const auto result = Run({"--help", "-d", (dir / "no&data").string()});
+    EXPECT_EQ(result.code, 255);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "Selected data path \"" + (dir / "no&&data").string() + "\" does not exist!  Exiting.\n");
+}
+
+TEST_F(MainTest, BrokenWorkflowFileStopsEvenHelp) {
+    const auto data = dir / "data";
+    fs::create_directories(data);
+    std::ofstream((data / "broken.cfg").string()) << "chunk_size\n";
+    const auto result = Run({"--help", "-d", data.string()});
+    EXPECT_EQ(result.code, 255);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "the options configuration file contains an invalid line 'chunk_size'\n");
+}
+
+TEST_F(MainTest, VersionAloneShowsTheBanner) {
+    const auto result = Run({"--version"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.out, kBannerLine);
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(MainTest, PrintWorkflowsListsTheShippedConfigurations) {
+    const auto result = Run({"--print_workflows"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.out,
+              "Available flowcell + kit combinations are:\n"
+              "flowcell   kit        barcoding config_name\n"
+              "KFC-R1A    KLK-D210             dna_r1_1d2\n"
+              "KFC-R1A    KLK-D220             dna_r1_1d2\n"
+              "KFC-R1A    KBK-D290   included  dna_r1_1d2\n"
+              "KFC-R1B    KLK-D210             dna_r1_1d2\n"
+              "KFC-R1B    KLK-D220             dna_r1_1d2\n"
+              "KFC-R1B    KBK-D290   included  dna_r1_1d2\n"
+              "KFC-R1C    KLK-D210             dna_r1_1d2_lowmem\n\n");
+}
+
+TEST_F(MainTest, DeviceFailsOnStandardErrorBeforeAnythingIsLogged) {
+    const auto save = dir / "save";
+    const auto result = Run({"--device", "auto", "-f", "index.txt", "-s", save.string()});
+    EXPECT_EQ(result.code, 255);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "This build does not support GPU basecalling mode.\n");
+    EXPECT_FALSE(fs::exists(save));
+}
+
+TEST_F(MainTest, ParserErrorsStopTheRunAndNoticesDoNot) {
+    {
+        const auto result = Run({"-f", "index.txt"});
+        EXPECT_EQ(result.code, 255);
+        EXPECT_EQ(result.out, "\n");
+        EXPECT_EQ(result.err, "Missing required option 'save_path'.\n\n");
+    }
+    {
+        const auto save = dir / "save_unknown";
+        const auto result = Run({"-f", "index.txt", "-s", save.string(), "--quiet", "--no_such_option"});
+        EXPECT_EQ(result.code, 0);
+        EXPECT_EQ(result.out, "Unexpected option 'no_such_option' found on command line.\n\n");
+        EXPECT_EQ(result.err, "\n");
+        EXPECT_NE(Log(save, "marlo_basecaller_1d2").find("save path:          " + save.string()), std::string::npos);
+    }
+    {
+        const auto result = Run({"--flowcell", "KFC-R1A", "-f", "index.txt", "-s", (dir / "s").string()});
+        EXPECT_EQ(result.code, 255);
+        EXPECT_EQ(result.err,
+                  "User specified flowcell but not kit (or vice versa). Must specify both kit and flowcell to perform "
+                  "automatic config selection.\n");
+    }
+}
+
+TEST_F(MainTest, VersionWithRequiredOptionsShowsBannerAndRuns) {
+    const auto save = dir / "nested" / "save";
+    const auto result = Run({"--version", "-f", "index.txt", "-s", save.string(), "-i", "reads"});
+    EXPECT_EQ(result.code, 0);
+    const std::string header =
+        "KVX Marlo 1d-squared basecalling software version 2.3.5+53a111f\n"
+        "config file:        \n"
+        "model file:         \n"
+        "input path:         reads\n"
+        "save path:          " + save.string() + "\n"
+        "chunk size:         1000\n"
+        "chunks per runner:  20\n"
+        "records per file:   4000\n"
+        "num basecallers:    4\n"
+        "cpu mode:           ON\n"
+        "threads per caller: 1\n";
+    EXPECT_EQ(result.out, kBannerLine + header);
+    EXPECT_EQ(result.err, "");
+    const auto core = Log(save, "marlo_basecaller_1d2");
+    EXPECT_TRUE(std::regex_match(core, std::regex("\\d{4}-\\d\\d-\\d\\d \\S+ \\[marlo/core\\] KVX Marlo[\\s\\S]*")));
+    EXPECT_NE(core.find(header), std::string::npos);
+    // No verbose file unless asked for.
+    EXPECT_EQ(Log(save, "marlo_basecaller__1d2_verbose"), "");
+}
+
+TEST_F(MainTest, WorkflowSelectionServiceModeAndFlagsShapeTheHeader) {
+    const auto save = dir / "save";
+    const auto result = Run({"--flowcell", "KFC-R1C", "--kit", "KLK-D210", "-f", "index.txt", "-s", save.string(),
+                             "--chunk_size", "321", "--port", "5555", "--qscore_filtering", "--quiet",
+                             "--verbose_logs"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.out, "");
+    const std::string header =
+        "KVX Marlo 1d-squared basecalling software version 2.3.5+53a111f\n"
+        "config file:        " + kDataPath + "/dna_r1_1d2_lowmem.cfg\n"
+        "input path:         \n"
+        "save path:          " + save.string() + "\n"
+        "chunk size:         321\n"
+        "minimum qscore:     7\n"
+        "records per file:   4000\n"
+        "num basecallers:    2\n"
+        "service address:    tcp://localhost:5555\n";
+    EXPECT_NE(Log(save, "marlo_basecaller_1d2").find(header), std::string::npos) << Log(save, "marlo_basecaller_1d2");
+    const auto verbose = Log(save, "marlo_basecaller__1d2_verbose");
+    EXPECT_NE(verbose.find("[marlo/core] {message} "), std::string::npos) << verbose;
+    EXPECT_NE(verbose.find(header), std::string::npos);
+}
+
+TEST_F(MainTest, ModelAndMismatchTableResolveAgainstTheirSources) {
+    const auto save = dir / "save";
+    const auto result = Run({"--flowcell", "KFC-R1A", "--kit", "KBK-D290", "-f", "index.txt", "-s", save.string(),
+                             "--port", "host:7000", "--trace_categories_logs", "pairs"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_NE(result.out.find("service address:    tcp://host:7000\n"), std::string::npos) << result.out;
+    EXPECT_EQ(result.out.find("model file:"), std::string::npos);
+    // Only records on the named channel reach the verbose file, and the header is not one of them.
+    EXPECT_EQ(Log(save, "marlo_basecaller__1d2_verbose"), "");
+
+    const auto save2 = dir / "save2";
+    const auto cpu = Run({"--flowcell", "KFC-R1A", "--kit", "KLK-D220", "-f", "index.txt", "-s", save2.string(),
+                          "--cpu_threads_per_caller", "3"});
+    EXPECT_EQ(cpu.code, 0);
+    EXPECT_NE(cpu.out.find("model file:         " + kDataPath + "/model_raw_r1_gru96.json\n"), std::string::npos)
+        << cpu.out;
+    EXPECT_NE(cpu.out.find("config file:        " + kDataPath + "/dna_r1_1d2.cfg\n"), std::string::npos);
+    EXPECT_NE(cpu.out.find("threads per caller: 3\n"), std::string::npos);
+
+    // A bare --model_file on the command line is looked up in the data path.
+    const auto bare = Run({"-f", "index.txt", "-s", save2.string(), "-m", "other.json"});
+    EXPECT_NE(bare.out.find("model file:         " + kDataPath + "/other.json\n"), std::string::npos) << bare.out;
+}

@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "async_caller/basecall_params.h"
+
+using AsyncCaller::BasecallParams;
+using Common::Parameters;
+
+namespace {
+
+std::uint32_t Parse(BasecallParams& params, const std::vector<std::string>& args, std::istream* config = nullptr) {
+    std::vector<const char*> argv = {"prog"};
+    for (const auto& arg : args) {
+        argv.push_back(arg.c_str());
+    }
+    return params.ParseArguments(config, "", static_cast<int>(argv.size()), argv.data(), "");
+}
+
+// Option, source: B both, L command line, F file, S switch.
+const std::vector<std::pair<std::string, char>> kOptions = {
+    {"print_workflows", 'S'}, {"compatible_flowcells", 'F'}, {"compatible_kits", 'F'},
+    {"compatible_kits_with_barcoding", 'F'}, {"flowcell", 'L'}, {"kit", 'L'}, {"model_file", 'B'},
+    {"chunk_size", 'B'}, {"chunks_per_runner", 'B'}, {"chunks_per_caller", 'B'}, {"overlap", 'B'},
+    {"gpu_runners_per_device", 'B'}, {"cpu_threads_per_caller", 'B'}, {"num_callers", 'B'},
+    {"stay_penalty", 'B'}, {"qscore_offset", 'B'}, {"qscore_scale", 'B'}, {"temp_weight", 'B'},
+    {"temp_bias", 'B'}, {"hp_correct", 'B'}, {"builtin_scripts", 'B'}, {"device", 'L'}, {"kernel_path", 'L'},
+    {"quiet", 'S'}, {"trace_categories_logs", 'B'}, {"verbose_logs", 'S'}, {"qscore_filtering", 'S'},
+    {"min_qscore", 'B'}, {"disable_pings", 'S'}, {"ping_url", 'B'}, {"ping_segment_duration", 'B'},
+    {"calib_detect", 'S'}, {"calib_reference", 'B'}, {"calib_min_sequence_length", 'B'},
+    {"calib_max_sequence_length", 'B'}, {"calib_min_coverage", 'B'},
+};
+
+}  // namespace
+
+TEST(BasecallParams, DefaultsAsPrinted) {
+    BasecallParams params;
+    EXPECT_EQ(params.GetFlags(), static_cast<std::uint32_t>(Parameters::NotParsed));
+    EXPECT_TRUE(params.cpu_mode);
+    EXPECT_FALSE(params.gpu_mode);
+    params.InitOptions();
+    std::vector<std::string> names;
+    for (const auto& option : kOptions) {
+        names.push_back(option.first);
+    }
+    EXPECT_EQ(params.OptionNames(), names);
+    const std::vector<std::pair<std::string, std::string>> printed = {
+        {"print_workflows", "0"}, {"model_file", ""}, {"chunk_size", "1000"}, {"chunks_per_runner", "20"},
+        {"chunks_per_caller", "10000"}, {"overlap", "50"}, {"gpu_runners_per_device", "20"},
+        {"cpu_threads_per_caller", "1"}, {"num_callers", "4"}, {"stay_penalty", "1.000000"},
+        {"qscore_offset", "0.000000"}, {"qscore_scale", "1.000000"}, {"temp_weight", "1.000000"},
+        {"temp_bias", "1.000000"}, {"hp_correct", "1"}, {"builtin_scripts", "1"}, {"min_qscore", "7.000000"},
+        {"ping_url", ""}, {"ping_segment_duration", "60"}, {"calib_min_sequence_length", "0"},
+        {"calib_max_sequence_length", "0"}, {"calib_min_coverage", "0.600000"},
+    };
+    for (const auto& entry : printed) {
+        EXPECT_EQ(params.PrintOption(entry.first), entry.second) << entry.first;
+    }
+}
+
+TEST(BasecallParams, EveryOptionIsKnownExactlyWhereItIsDeclared) {
+    for (const auto& option : kOptions) {
+        const bool in_file = option.second == 'B' || option.second == 'F';
+        const bool on_line = option.second != 'F';
+        {
+            std::istringstream config(option.first + " = 1\n");
+            BasecallParams params;
+            const auto flags = Parse(params, {"--num_callers", "1"}, &config);
+            EXPECT_EQ((flags & Parameters::UnexpectedOption) == 0, in_file) << option.first;
+            EXPECT_TRUE(params.ErrorText().empty()) << option.first << ": " << params.ErrorText();
+        }
+        {
+            BasecallParams params;
+            std::vector<std::string> args = {"--" + option.first};
+            if (option.second != 'S') {
+                args.push_back("1");
+            }
+            const auto flags = Parse(params, args);
+            EXPECT_EQ((flags & Parameters::UnexpectedOption) == 0, on_line) << option.first;
+            EXPECT_TRUE(params.ErrorText().empty()) << option.first << ": " << params.ErrorText();
+        }
+    }
+}
+
+TEST(BasecallParams, ShortNamesAndSwitches) {
+    BasecallParams params;
+    const auto flags = Parse(params, {"-m", "model.json", "-x", "auto", "-k", "kernels", "-z", "--verbose_logs",
+                                      "--hp_correct", "0"});
+    EXPECT_EQ(flags, 0u) << params.ErrorText() << params.MessageText();
+    EXPECT_EQ(params.model_file, "model.json");
+    EXPECT_EQ(params.device, "auto");
+    EXPECT_EQ(params.kernel_path, "kernels");
+    EXPECT_TRUE(params.quiet);
+    EXPECT_TRUE(params.verbose_logs);
+    EXPECT_FALSE(params.hp_correct);
+}
+
+TEST(BasecallParams, ValidateRejectsAnyZeroCount) {
+    for (const char* option : {"--num_callers", "--cpu_threads_per_caller", "--gpu_runners_per_device"}) {
+        BasecallParams params;
+        const auto flags = Parse(params, {option, "0"});
+        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed)) << option;
+        // The failure is logged, not added to the error text.
+        EXPECT_TRUE(params.ErrorText().empty());
+    }
+}
