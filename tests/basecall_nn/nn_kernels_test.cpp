@@ -1,0 +1,120 @@
+// Every build of the element-wise kernels that this processor can run, against double precision and
+// against each other, over lengths that leave every kind of loop tail.
+
+#include "basecall_nn/nn_kernels.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+using BasecallNN::kernels::KernelSet;
+
+namespace {
+
+std::vector<float> randomValues(std::mt19937& rng, std::size_t n, float lo, float hi) {
+    std::uniform_real_distribution<float> d(lo, hi);
+    std::vector<float> v(n);
+    for (float& x : v) x = d(rng);
+    return v;
+}
+
+// Activations applied by one kernel set to the same inputs.
+std::vector<std::vector<float>> applyAll(const KernelSet& k, const std::vector<float>& x) {
+    std::vector<std::vector<float>> out(6, x);
+    k.tanh(out[0].data(), x.size());
+    k.sigmoid(out[1].data(), x.size());
+    k.relu(out[2].data(), x.size());
+    k.elu(out[3].data(), x.size());
+    k.expPlus(out[4].data(), x.size(), 1e-6f);
+    k.scaledTanh(out[5].data(), x.size(), 5.0f);
+    return out;
+}
+
+double reference(int which, double v) {
+    switch (which) {
+        case 0: return std::tanh(v);
+        case 1: return 1.0 / (1.0 + std::exp(-v));
+        case 2: return v < 0 ? 0.0 : v;
+        case 3: return v < 0 ? std::exp(v) - 1.0 : v;
+        case 4: return std::exp(v) + 1e-6;
+        default: return 5.0 * std::tanh(v);
+    }
+}
+
+}  // namespace
+
+TEST(NNKernelsTest, BestIsOneOfTheAvailableSets) {
+    const auto sets = BasecallNN::kernels::Available();
+    ASSERT_FALSE(sets.empty());
+    EXPECT_STREQ(sets.front()->name, "default");
+    EXPECT_EQ(&BasecallNN::kernels::Baseline(), sets.front());
+    EXPECT_EQ(&BasecallNN::kernels::Best(), sets.back());
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+        EXPECT_STREQ(BasecallNN::kernels::Best().name, "avx2");
+    }
+}
+
+TEST(NNKernelsTest, ActivationsMatchDoublePrecisionInEverySet) {
+    std::mt19937 rng(21);
+    const char* names[] = {"tanh", "sigmoid", "relu", "elu", "expPlus", "scaledTanh"};
+    for (const KernelSet* k : BasecallNN::kernels::Available()) {
+        for (std::size_t n = 0; n <= 70; ++n) {
+            const auto x = randomValues(rng, n, -12.0f, 12.0f);
+            const auto out = applyAll(*k, x);
+            for (int which = 0; which < 6; ++which) {
+                for (std::size_t i = 0; i < n; ++i) {
+                    const double want = reference(which, x[i]);
+                    // A few units in the last place of the result, plus one of 1.0 where exp(x) - 1
+                    // cancels.
+                    const double tol = 4e-7 * std::fabs(want) + 1.2e-7;
+                    ASSERT_NEAR(out[which][i], want, tol)
+                        << k->name << " " << names[which] << " n=" << n << " i=" << i << " x=" << x[i];
+                }
+            }
+        }
+    }
+}
+
+TEST(NNKernelsTest, SetsAgree) {
+    const auto sets = BasecallNN::kernels::Available();
+    std::mt19937 rng(22);
+    for (std::size_t n : {1u, 3u, 4u, 8u, 13u, 64u, 97u}) {
+        const auto x = randomValues(rng, n, -9.0f, 9.0f);
+        const auto y = randomValues(rng, n, -2.0f, 2.0f);
+        const auto z = randomValues(rng, n, 0.0f, 1.0f);
+        const auto base = applyAll(*sets.front(), x);
+        for (const KernelSet* k : sets) {
+            // Activations: glibc's vector forms of different widths may round differently by an ulp.
+            const auto got = applyAll(*k, x);
+            for (int which = 0; which < 6; ++which)
+                for (std::size_t i = 0; i < n; ++i)
+                    EXPECT_NEAR(got[which][i], base[which][i], 3e-7 * std::fabs(base[which][i]) + 1.2e-7) << k->name;
+
+            // Arithmetic: no contraction into fused multiply-adds, so results are identical.
+            std::vector<float> a = x, b = x, p(n), q(n), h1 = y, h2 = y;
+            k->add(a.data(), y.data(), n);
+            sets.front()->add(b.data(), y.data(), n);
+            EXPECT_EQ(a, b);
+            k->addMultiply(a.data(), y.data(), z.data(), n);
+            sets.front()->addMultiply(b.data(), y.data(), z.data(), n);
+            EXPECT_EQ(a, b);
+            k->multiply(a.data(), z.data(), n);
+            sets.front()->multiply(b.data(), z.data(), n);
+            EXPECT_EQ(a, b);
+            k->product(p.data(), x.data(), y.data(), n);
+            sets.front()->product(q.data(), x.data(), y.data(), n);
+            EXPECT_EQ(p, q);
+            k->interpolate(h1.data(), z.data(), x.data(), n);
+            sets.front()->interpolate(h2.data(), z.data(), x.data(), n);
+            EXPECT_EQ(h1, h2);
+            for (std::size_t i = 0; i < n; ++i) {
+                EXPECT_EQ(p[i], x[i] * y[i]);
+                EXPECT_EQ(h1[i], z[i] * (y[i] - x[i]) + x[i]);
+            }
+        }
+    }
+}
