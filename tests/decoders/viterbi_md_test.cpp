@@ -34,6 +34,15 @@ void* operator new(std::size_t size) {
 }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+// The nothrow forms must come from the same heap (std::stable_sort's buffer uses them), or a
+// sanitizer build reports a new/free mismatch.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    if (countAllocations.load(std::memory_order_relaxed)) {
+        allocationCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    return std::malloc(size == 0 ? 1 : size);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 
 namespace {
 

@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/event_data.h"
+#include "common/kmer_table.h"
+
+using Common::Deep;
+using Common::EventData;
+using Common::Shallow;
+
+namespace {
+
+template <typename F>
+std::string ErrorOf(F f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "<no error>";
+}
+
+// Events numbered 0 .. n-1 in every field, so that moves and removals can be followed.
+EventData<Deep> numbered(std::size_t n) {
+    EventData<Deep> ev(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        ev.mean[i] = static_cast<float>(i);
+        ev.stdv[i] = static_cast<float>(i) + 0.5f;
+        ev.start[i] = 10 * i;
+        ev.length[i] = i + 1;
+    }
+    return ev;
+}
+
+template <typename Record>
+std::vector<float> means(const Record& ev) {
+    std::vector<float> out;
+    for (std::size_t i = 0; i < ev.size(); ++i) out.push_back(ev.mean[i]);
+    return out;
+}
+
+}  // namespace
+
+TEST(EventData, DeepResize) {
+    EventData<Deep> ev = numbered(4);
+    ev.resize(4);
+    EXPECT_EQ(means(ev), (std::vector<float>{0, 1, 2, 3}));
+    ev.resize(6);
+    EXPECT_EQ(ev.size(), 6u);
+    EXPECT_EQ(ev.mean[5], 0.0f);
+    EXPECT_EQ(ev.length[4], 0u);
+    EXPECT_EQ(ev.start.size(), 6u);
+    ev.resize(2);
+    EXPECT_EQ(means(ev), (std::vector<float>{0, 1}));
+    EXPECT_EQ(ev.stdv.size(), 2u);
+}
+
+TEST(EventData, ShallowResizeCutsAndNeverGrows) {
+    EventData<Deep> owner = numbered(5);
+    EventData<Shallow> view(owner);
+    EXPECT_EQ(view.size(), 5u);
+    view.resize(3);
+    EXPECT_EQ(means(view), (std::vector<float>{0, 1, 2}));
+    EXPECT_EQ(ErrorOf([&] { view.resize(4); }), "Cannot enlarge VecView");
+    EXPECT_EQ(view.size(), 3u);
+    view.resize(0);
+    EXPECT_TRUE(view.empty());
+    EXPECT_EQ(view.mean.data, nullptr);
+    EXPECT_EQ(view.length.stride, 1);
+    EXPECT_EQ(ErrorOf([&] { view.resize(5); }), "Cannot enlarge VecView");
+
+    // A reversed view keeps the low-address end of its memory: its own last events.
+    EventData<Shallow> reversed = owner.slice(4, 5, -1);
+    EXPECT_EQ(means(reversed), (std::vector<float>{4, 3, 2, 1, 0}));
+    reversed.resize(2);
+    EXPECT_EQ(means(reversed), (std::vector<float>{1, 0}));
+    EXPECT_EQ(reversed.start[0], 10u);
+}
+
+TEST(EventData, SlicesFollowViewRules) {
+    EventData<Deep> owner = numbered(6);
+    EventData<Shallow> evens = owner.slice(0, 3, 2);
+    EXPECT_EQ(means(evens), (std::vector<float>{0, 2, 4}));
+    EXPECT_EQ(evens.length[2], 5u);
+    EXPECT_EQ(ErrorOf([&] { owner.slice(1, 3, 2); }), "Slice out of bounds.");
+    EXPECT_EQ(ErrorOf([&] { owner.slice(0, 7, 1); }), "Slice out of bounds.");
+    EXPECT_EQ(ErrorOf([&] { owner.slice(0, 1, 0); }), "Slice cannot have zero stride.");
+    // Slices of slices compose; writes go through to the owner.
+    EventData<Shallow> back = evens.slice(2, 3, -1);
+    EXPECT_EQ(means(back), (std::vector<float>{4, 2, 0}));
+    back.mean[0] = 40.0f;
+    EXPECT_EQ(owner.mean[4], 40.0f);
+}
+
+TEST(EventData, RemovalClosesUpInOrder) {
+    EventData<Deep> ev = numbered(6);
+    ev = std::vector<int>{};
+    EXPECT_EQ(ev.size(), 6u);
+    ev = std::vector<int>{0, 3, 5};
+    EXPECT_EQ(means(ev), (std::vector<float>{1, 2, 4}));
+    EXPECT_EQ(ev.start, (std::vector<std::uint64_t>{10, 20, 40}));
+    EXPECT_EQ(ev.length, (std::vector<std::uint64_t>{2, 3, 5}));
+    EXPECT_EQ(ev.stdv[2], 4.5f);
+    EXPECT_THROW(ev.removeIndices({2, 1}), std::runtime_error);
+    EXPECT_THROW(ev.removeIndices({3}), std::runtime_error);
+    EXPECT_EQ(ev.size(), 3u);
+    ev.removeIndices({0, 1, 2});
+    EXPECT_TRUE(ev.empty());
+
+    // A viewing record closes up inside the memory it views, in view order.
+    EventData<Deep> owner = numbered(5);
+    EventData<Shallow> reversed = owner.slice(4, 5, -1);
+    reversed = std::vector<int>{1};  // drops event 3
+    EXPECT_EQ(means(reversed), (std::vector<float>{4, 2, 1, 0}));
+    EXPECT_EQ(reversed.length[3], 1u);
+    EXPECT_EQ(owner.mean[4], 4.0f);
+    reversed.removeIndices({0, 1, 2, 3});
+    EXPECT_TRUE(reversed.empty());
+    EXPECT_EQ(reversed.stdv.data, nullptr);
+}
+
+TEST(EventData, StateCounts) {
+    EXPECT_EQ(Common::KmerLengthFromStates(4), 1);
+    EXPECT_EQ(Common::KmerLengthFromStates(1024), 5);
+    EXPECT_EQ(Common::KmerLengthFromStates(1 << 20), 10);
+    for (std::int64_t bad : {0, 1, 2, 8, 12, 1000, -4}) {
+        EXPECT_EQ(ErrorOf([&] { Common::KmerLengthFromStates(bad); }),
+                  "Unsupported number of states: " + std::to_string(bad) +
+                      ". State count should be a positive power of 4.");
+    }
+}
+
+TEST(KmerTable, ReadsLevelsInKmerOrder) {
+    const std::string path = ::testing::TempDir() + "kmer_table_test.txt";
+    {
+        std::ofstream out(path);
+        // Rows out of order on purpose: the "kmer" column places them.
+        out << "# 2-mer levels\nkmer\tlevel_mean\tlevel_stdv\tsd_mean\tsd_stdv\textra\n";
+        const char* bases = "ACGT";
+        for (int i = 15; i >= 0; --i) {
+            out << bases[i / 4] << bases[i % 4] << "\t" << 100 + i << "\t" << 1.5 << "\t" << 0.5 * i << "\t"
+                << 2 << "\tx\n";
+        }
+    }
+    Common::KmerTable table;
+    table.Read(path, 2);
+    ASSERT_EQ(table.size(), 16u);
+    EXPECT_EQ(table.level_mean[0], 100.0f);
+    EXPECT_EQ(table.level_mean[15], 115.0f);
+    EXPECT_EQ(table.sd_mean[6], 3.0f);
+    EXPECT_EQ(table.level_stdv[3], 1.5f);
+    EXPECT_EQ(table.sd_stdv[9], 2.0f);
+    EXPECT_EQ(ErrorOf([&] { table.Read(path, 3); }), "Invalid model length.");
+    EXPECT_EQ(ErrorOf([&] { table.Read(path, 1); }), "Invalid model length.");
+
+    {
+        std::ofstream out(path);
+        out << "level_mean\tlevel_stdv\tsd_mean\n1\t2\t3\n1\t2\t3\n1\t2\t3\n1\t2\t3\n";
+    }
+    EXPECT_EQ(ErrorOf([&] { table.Read(path, 1); }),
+              "Required column \"sd_stdv\" not found in k-mer table: " + path);
+    {
+        // Without a "kmer" column the rows are taken as sorted.
+        std::ofstream out(path);
+        out << "level_mean\tlevel_stdv\tsd_mean\tsd_stdv\n1\t2\t3\t4\n5\t6\t7\t8\n9\t10\t11\t12\n13\t14\t15\t16\n";
+    }
+    table.Read(path, 1);
+    EXPECT_EQ(table.level_mean, (std::vector<float>{1, 5, 9, 13}));
+    EXPECT_EQ(table.sd_stdv, (std::vector<float>{4, 8, 12, 16}));
+    std::remove(path.c_str());
+}
