@@ -8,6 +8,7 @@
 
 #include "common/logger.h"
 #include "common/table_reader.h"
+#include "telemetry/telemetry_aggregator.h"
 
 namespace fs = boost::filesystem;
 
@@ -141,11 +142,9 @@ std::vector<AsyncCaller::ReadPair> GetFileList(const std::string& index_file, co
                                                bool recursive, TelemetryAggregator* telemetry) {
     PairCandidateObserver observer;
     if (telemetry != nullptr) {
-        // TELEMETRY HOOK: the run telemetry does not exist in this build yet, so no aggregator can be
-        // passed here. When it lands, forward each candidate:
-        //     observer = [telemetry](const PairCandidate& c) {
-        //         telemetry->AddPairCandidate(c.end_time, c.length_ratio, c.gap, c.run_id);
-        //     };
+        observer = [telemetry](const PairCandidate& c) {
+            telemetry->AddPairCandidate(c.end_time, c.length_ratio, c.gap, c.run_id);
+        };
     }
     return FindReadPairs(index_file, input_path, recursive, observer);
 }
