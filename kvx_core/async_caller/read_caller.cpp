@@ -1,0 +1,7 @@
+#include "async_caller/read_caller.h"
+
+namespace AsyncCaller {
+
+ReadCaller::~ReadCaller() = default;
+
+}  // namespace AsyncCaller

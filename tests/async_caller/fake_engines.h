@@ -1,0 +1,143 @@
+#pragma once
+// Stand-ins for the network-driven chunk callers, for testing the buffering and the threads above
+// them without a model.
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <cmath>
+#include <deque>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "async_caller/chunk_caller.h"
+#include "async_caller/chunk_caller_pool.h"
+
+namespace TestSupport {
+
+// Bases of a pair chunk derived from its strand-1 signal, one per event: the same chunk always gets
+// the same call, and the overlapping part of two neighbouring chunks gets the same bases.
+inline void fakeCall(AsyncCaller::ChunkDataMD& c) {
+    c.sequence.clear();
+    const std::uint64_t events = c.events1;
+    const std::uint64_t stride = events > 0 ? c.raw1.size / events : 1;
+    for (std::uint64_t e = 0; e < events; ++e) {
+        const float x = c.raw1[e * stride];
+        const long level = std::lround(std::floor(x * 8.0f));
+        c.sequence.push_back("ACGT"[static_cast<unsigned long>(level) & 3u]);
+    }
+    c.qualities.assign(c.sequence.size(), '5');
+    c.score = 1.0f;
+    c.kmerLength = 5;
+}
+
+// A synchronous engine of `capacity` runners: a submitted chunk is called when it is collected.
+class FakeEngine : public AsyncCaller::ChunkCallerMD {
+public:
+    explicit FakeEngine(std::size_t capacity_ = 2) : capacity(capacity_) {}
+
+    bool HasFreeRunner() override {
+        std::lock_guard<std::mutex> lock(mutex);
+        return !paused && queue.size() < capacity;
+    }
+    bool IsWorking() override {
+        std::lock_guard<std::mutex> lock(mutex);
+        return !queue.empty();
+    }
+    void SubmitChunk(AsyncCaller::ChunkData* chunk) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (queue.size() >= capacity) {
+            throw std::runtime_error("fake engine is full");
+        }
+        queue.push_back(chunk);
+        submitted.push_back(chunk);
+        submittedPriorities.push_back(chunk->priority);
+    }
+    AsyncCaller::ChunkData* GetCompletedChunk(bool) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (throwOnCollect) {
+            throw std::runtime_error("injected engine failure");
+        }
+        if (repeatLast && last != nullptr) {
+            AsyncCaller::ChunkData* again = last;
+            last = nullptr;
+            return again;
+        }
+        if (queue.empty() || holdResults) {
+            return nullptr;
+        }
+        AsyncCaller::ChunkData* chunk = reverse ? queue.back() : queue.front();
+        if (reverse) {
+            // Only once the whole read is in: hand its chunks back last first.
+            if (queue.size() < chunk->chunk_count) {
+                return nullptr;
+            }
+            queue.pop_back();
+        } else {
+            queue.pop_front();
+        }
+        if (chunk->dimension == 1) {
+            fakeCall(static_cast<AsyncCaller::ChunkDataMD&>(*chunk));
+        }
+        last = chunk;
+        return chunk;
+    }
+    void SetEventDetection(std::uint64_t, std::uint64_t, float, float, float) override { eventDetectionSet = true; }
+
+    std::vector<int> Priorities() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return submittedPriorities;
+    }
+    std::size_t Submitted() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return submitted.size();
+    }
+
+    std::mutex mutex;
+    std::size_t capacity;
+    std::deque<AsyncCaller::ChunkData*> queue;
+    std::vector<AsyncCaller::ChunkData*> submitted;
+    std::vector<int> submittedPriorities;
+    AsyncCaller::ChunkData* last = nullptr;
+    bool paused = false;
+    bool holdResults = false;
+    bool throwOnCollect = false;
+    bool repeatLast = false;
+    bool reverse = false;
+    bool eventDetectionSet = false;
+};
+
+// The processor callers' worker machinery with a fake computation: real threads, real ordering and
+// real failure handling. Chunk number `failAt` (in submission order over the caller's life) throws.
+class ThreadedFakeCaller : public AsyncCaller::ChunkCallerPool<AsyncCaller::ChunkCallerMD> {
+public:
+    explicit ThreadedFakeCaller(std::uint64_t threads, long failAt_ = -1, int delayMs_ = 0)
+        : ChunkCallerPool("ChunkCallerMDCpu", threads), failAt(failAt_), delayMs(delayMs_) {
+        startWorkers();
+    }
+    ~ThreadedFakeCaller() override { stopWorkers(); }
+
+    void SetEventDetection(std::uint64_t, std::uint64_t, float, float, float) override {}
+
+    std::atomic<long> calls{0};
+
+protected:
+    void processChunk(AsyncCaller::ChunkData& chunk, int) override {
+        const long n = calls++;
+        if (n == failAt) {
+            throw std::runtime_error("injected chunk failure");
+        }
+        if (delayMs > 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        }
+        fakeCall(static_cast<AsyncCaller::ChunkDataMD&>(chunk));
+    }
+
+private:
+    long failAt;
+    int delayMs;
+};
+
+}  // namespace TestSupport

@@ -1,0 +1,396 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "async_caller/file_data_handler_md.h"
+#include "async_caller/read_holder_md.h"
+#include "log_capture.h"
+#include "read_files.h"
+
+using AsyncCaller::FileDataHandlerMD;
+using AsyncCaller::PriorAligner;
+using AsyncCaller::ReadHolderMD;
+using TestSupport::ReadSpec;
+
+namespace {
+
+std::vector<int> labelScores() {
+    std::vector<int> m(64 * 64, -100);
+    for (int i = 0; i < 64; ++i) {
+        m[i * 64 + i] = 100;
+    }
+    return m;
+}
+
+struct Handler {
+    std::vector<int> scores = labelScores();
+    PriorAligner aligner{Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000};
+    std::unique_ptr<FileDataHandlerMD> handler;
+
+    explicit Handler(std::uint32_t flags = 0, int workers = 2) {
+        handler = std::make_unique<FileDataHandlerMD>(5, aligner, workers, nullptr, flags);
+    }
+    FileDataHandlerMD* operator->() { return handler.get(); }
+};
+
+std::string newFile(const std::string& stem) {
+    static int serial = 0;
+    return TestSupport::Scratch().File(stem + "_" + std::to_string(serial++) + ".rawh5");
+}
+
+ReadSpec simpleSpec(const std::string& sequence, std::vector<std::uint8_t> moves) {
+    ReadSpec spec;
+    spec.id = "read";
+    spec.sequence = sequence;
+    spec.moves = std::move(moves);
+    spec.samples.assign(spec.moves.size() * 10 + 20, 300);
+    return spec;
+}
+
+struct Loaded {
+    bool ok = false;
+    FileDataHandlerMD::PriorReadInfo info;
+    std::vector<std::string> log;
+};
+
+// Writes the read alone to a file, and loads it as strand 1 or 2.
+Loaded loadLabels(const ReadSpec& spec, bool second) {
+    const std::string path = newFile("labels");
+    {
+        DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
+        TestSupport::writeRead(source, spec);
+    }
+    Handler h;
+    DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::ReadOnly);
+    std::shared_ptr<DataAPI::ReadData> read = source.GetRead(spec.id);
+    AsyncCaller::FileDataHandler::RawRead raw;
+    Loaded out;
+    TestSupport::LogCapture log;
+    out.ok = h->loadReadAndLabels(read, raw, out.info, second);
+    out.log = log.Info();
+    return out;
+}
+
+// The single logged line of a failed load.
+std::string failure(const ReadSpec& spec) {
+    const Loaded l = loadLabels(spec, false);
+    EXPECT_FALSE(l.ok);
+    return l.log.size() == 1 ? l.log[0] : "<" + std::to_string(l.log.size()) + " lines>";
+}
+
+template <typename Done>
+bool eventually(Done done, int seconds = 10) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return done();
+}
+
+}  // namespace
+
+TEST(PairLoading, LabelsFromMovesAndFastqForEachKmerLength) {
+    struct Case {
+        const char* sequence;
+        std::vector<std::uint8_t> moves;
+        std::vector<std::int32_t> strand1;
+        std::vector<std::int32_t> strand2;
+    };
+    // ACG = 6, CGT = 27, GTT = 47, TGC = 57, GCA = 36, GTA = 44, TAC = 49, AAC = 1.
+    const Case cases[] = {
+        // k = 1: the 3-mer around each base, held inside the sequence at both ends; one label per block.
+        {"ACGT", {1, 1, 1, 0, 1}, {6, 6, 27, 27, 27}, {6, 6, 6, 27, 27}},
+        // k = 3: the k-mer itself; a stay repeats it, a skip jumps two bases.
+        {"ACGTTGCA", {1, 1, 0, 1, 2, 1}, {6, 27, 27, 47, 57, 36}, {57, 36, 1, 6, 6, 27}},
+        // k = 4: the first three bases of each 4-mer.
+        {"ACGTAC", {1, 1, 1}, {6, 27, 44}, {49, 6, 27}},
+        // k = 5: the central three.
+        {"ACGTACGT", {1, 2, 1}, {27, 49, 6}, {27, 44, 6}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.sequence);
+        const ReadSpec spec = simpleSpec(c.sequence, c.moves);
+        const Loaded one = loadLabels(spec, false);
+        ASSERT_TRUE(one.ok);
+        EXPECT_EQ(one.info.labels, c.strand1);
+        EXPECT_EQ(one.info.stride, 10u);
+        EXPECT_EQ(one.info.duration, c.moves.size() * 10);
+        const Loaded two = loadLabels(spec, true);
+        ASSERT_TRUE(two.ok);
+        EXPECT_EQ(two.info.labels, c.strand2);
+    }
+}
+
+TEST(PairLoading, StrideFromTheSegmentationWhenTheCallHasNone) {
+    ReadSpec spec = simpleSpec("ACGTACGT", {1, 2, 1});
+    spec.duration_template = 37;
+    spec.block_stride = false;
+    EXPECT_EQ(loadLabels(spec, false).info.stride, 12u);  // 37 / 3 blocks
+    spec.block_stride = true;
+    spec.block_stride_value = 0;  // present but 0 is the same as absent
+    EXPECT_EQ(loadLabels(spec, false).info.stride, 12u);
+}
+
+TEST(PairLoading, LabelsFromAnEventsTable) {
+    ReadSpec spec = simpleSpec("", {});
+    spec.move = false;
+    spec.fastq = false;
+    spec.model_states = {"ACGTA", "CGTAC", "GTACG", "TACGT"};
+    spec.samples.assign(100, 300);
+    const Loaded one = loadLabels(spec, false);
+    ASSERT_TRUE(one.ok);
+    EXPECT_EQ(one.info.labels, (std::vector<std::int32_t>{27, 44, 49, 6}));  // CGT GTA TAC ACG
+    const Loaded two = loadLabels(spec, true);
+    ASSERT_TRUE(two.ok);
+    // Reversed and complemented: ACG->CGT, TAC->GTA, GTA->TAC, CGT->ACG, stored last first.
+    EXPECT_EQ(two.info.labels, (std::vector<std::int32_t>{27, 44, 49, 6}));
+
+    spec.model_states = {"ACGTA", std::string(), "GTACG"};
+    EXPECT_EQ(failure(spec),
+              "Exception thrown extracting 1d read data: Label lookup failed, model_state table possibly corrupt.");
+}
+
+TEST(PairLoading, EachFailureIsLoggedWithItsText) {
+    ReadSpec good = simpleSpec("ACGTACGT", {1, 2, 1});
+    {
+        ReadSpec s = good;
+        s.segmentation = false;
+        EXPECT_EQ(failure(s), "Missing information about segmentation in read file.");
+    }
+    {
+        ReadSpec s = good;
+        s.basecall = false;
+        EXPECT_EQ(failure(s), "Missing information about 1d basecall in read file.");
+    }
+    {
+        ReadSpec s = good;
+        s.move = false;
+        EXPECT_EQ(failure(s), "Missing 'Move' dataset for 1d basecall.");
+    }
+    {
+        ReadSpec s = good;
+        s.fastq = false;
+        EXPECT_EQ(failure(s), "Missing 'Fastq' dataset for 1d basecall.");
+    }
+    for (const std::uint8_t extra : {0, 2}) {
+        // k = 2 and k = 6 are not the k of any 1D model.
+        ReadSpec s = good;
+        s.moves.back() = static_cast<std::uint8_t>(s.moves.back() + (extra == 0 ? 3 : -1));
+        EXPECT_EQ(failure(s), "Move dataset is inconsistent with Fastq dataset.");
+    }
+    {
+        ReadSpec s = good;
+        s.sequence = "ACGTNCGT";
+        EXPECT_EQ(failure(s), "Exception thrown extracting 1d read data: map::at");
+    }
+    {
+        // A read with both forms, "Events" listed first: the events path runs over the "Move" data set.
+        ReadSpec s = good;
+        s.model_states = {"ACGTA", "CGTAC", "GTACG"};
+        const std::string text = failure(s);
+        EXPECT_EQ(text.rfind("Exception thrown extracting 1d read data: ", 0), 0u) << text;
+    }
+}
+
+TEST(PairLoading, InvalidFastqRecord) {
+    // A Fastq data set without a second line.
+    const std::string path = newFile("fastq");
+    {
+        DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
+        ReadSpec spec = simpleSpec("ACGTACGT", {1, 2, 1});
+        spec.fastq = false;
+        TestSupport::writeRead(source, spec);
+        auto read = source.GetRead("read");
+        auto analysis = read->GetAnalysis({"Basecall_1D_000", "Basecall_1D_000"});
+        analysis->CreateDataSet("BaseCalled_template/Fastq", DataAPI::DataView::OfString("@read ACGT"), {});
+    }
+    Handler h;
+    DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::ReadOnly);
+    std::shared_ptr<DataAPI::ReadData> read = source.GetRead("read");
+    AsyncCaller::FileDataHandler::RawRead raw;
+    FileDataHandlerMD::PriorReadInfo info;
+    TestSupport::LogCapture log;
+    EXPECT_FALSE(h->loadReadAndLabels(read, raw, info, false));
+    EXPECT_EQ(log.Info(), (std::vector<std::string>{"Invalid Fastq dataset."}));
+}
+
+namespace {
+
+// A file of pairs as the pipeline sees them.
+std::vector<AsyncCaller::ReadPair> writePairs(const std::string& path, int count, std::uint32_t seed,
+                                              std::size_t bases = 120) {
+    std::mt19937 random(seed);
+    std::vector<AsyncCaller::ReadPair> pairs;
+    DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
+    for (int i = 0; i < count; ++i) {
+        ReadSpec one, two;
+        TestSupport::pairSpecs("p" + std::to_string(i), TestSupport::randomBases(bases, random), random, one, two);
+        TestSupport::writeRead(source, one);
+        TestSupport::writeRead(source, two);
+        pairs.push_back({path, path, one.id, two.id});
+    }
+    return pairs;
+}
+
+}  // namespace
+
+TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
+    const std::string path = newFile("pairs");
+    const auto pairs = writePairs(path, 2, 11);
+    Handler h(/*flags=*/3);
+    TestSupport::LogCapture log;
+    for (const auto& p : pairs) {
+        h->SubmitFilePair(p);
+    }
+    EXPECT_EQ(h->NoMoreData(), false);
+    EXPECT_EQ(h->NoMoreData(), true);
+    try {
+        h->SubmitFilePair(pairs[0]);
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Attempted to submit a file pair after calling NoMoreData().");
+    }
+    ASSERT_TRUE(eventually([&] { return h->LoadedCount() == 2; }));
+    EXPECT_EQ(h->PendingCount(), 0u);
+    EXPECT_TRUE(h->IsActive());
+
+    ReadHolderMD holder;
+    EXPECT_FALSE(h->GetRead(1, holder, 0));  // no high-priority reads here
+    ASSERT_TRUE(h->GetRead(0, holder, 0));
+    EXPECT_EQ(holder.stride, 5u);
+    EXPECT_EQ(holder.read1.read_id, "p0_1");
+    EXPECT_EQ(holder.read2.read_id, "p0_2");
+    EXPECT_EQ(holder.read1.filename, path);
+    EXPECT_EQ(holder.read1.read_index, holder.read2.read_index);
+    // Identical labels (strand 2's stays aside): the stretches start at the segmentation.
+    EXPECT_EQ(holder.read1.trimmed_start, 100u);
+    EXPECT_EQ(holder.read1.trimmed_duration, 1160u);  // 116 blocks of 10
+    EXPECT_EQ(holder.read2.trimmed_start, 100u);
+    EXPECT_EQ(holder.raw1.size, holder.read1.trimmed_duration);
+    EXPECT_EQ(holder.raw2.size, holder.read2.trimmed_duration);
+    EXPECT_TRUE(holder.owns_raw);
+    EXPECT_EQ(holder.priorStep, 10u);
+    EXPECT_EQ(holder.priorSamples.size(), 116u);
+    EXPECT_EQ(holder.priorSamples.front(), 0u);
+    EXPECT_NEAR(static_cast<double>(holder.priorSamples[100]), 1000.0, 60.0);
+    EXPECT_EQ(log.Count("File pair (\"" + path.substr(path.rfind('/') + 1) + "\" p0_1, \""), 1u);
+    EXPECT_EQ(log.Count("has been loaded."), 1u);
+
+    // Back from the callers with a sequence: reversed, T to U, metadata restored, one row processed.
+    holder.sequence = "AACGTT";
+    holder.qualities = "123456";
+    holder.read1.read_id = "scribbled";
+    h->PassCalledRead(holder, 1);
+    EXPECT_EQ(holder.sequence, "UUGCAA");
+    EXPECT_EQ(holder.qualities, "654321");
+    EXPECT_EQ(holder.read1.read_id, "p0_1");
+    EXPECT_EQ(h->ReadsDone(), 1u);
+    EXPECT_EQ(h->EventsDone(), holder.GetDuration() / 5);
+    EXPECT_EQ(h->Processor().Count(), 1u);
+    EXPECT_EQ(log.Count("completed."), 1u);
+    try {
+        h->PassCalledRead(holder, 1);
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Passed back called read from another data handler.");
+    }
+
+    ReadHolderMD second;
+    ASSERT_TRUE(h->GetRead(0, second, 1));
+    EXPECT_NE(second.GetReadIndex(), holder.GetReadIndex());
+    second.SetPriority(1);
+    try {
+        h->PassCalledRead(second, 1);
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "FileDataHandler class does not support high priority reads.");
+    }
+    // All loaded and taken: the handler's work is over.
+    EXPECT_TRUE(eventually([&] { return !h->IsActive(); }));
+    EXPECT_THROW(h->GetRead(0, second, 5), std::out_of_range);
+}
+
+TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
+    const std::string path = newFile("bad_pairs");
+    std::mt19937 random(2);
+    {
+        DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
+        {
+            // A pair whose strand 2 has no 1D call.
+            ReadSpec one, two;
+            TestSupport::pairSpecs("nocall", TestSupport::randomBases(60, random), random, one, two);
+            two.basecall = false;
+            TestSupport::writeRead(source, one);
+            TestSupport::writeRead(source, two);
+        }
+        {
+            // A pair called with different block strides.
+            ReadSpec one, two;
+            TestSupport::pairSpecs("strides", TestSupport::randomBases(60, random), random, one, two);
+            two.block_stride_value = 12;
+            TestSupport::writeRead(source, one);
+            TestSupport::writeRead(source, two);
+        }
+        {
+            // A pair of one block each: its path has a single aligned entry.
+            ReadSpec one, two;
+            TestSupport::pairSpecs("tiny", "ACGTA", random, one, two);
+            TestSupport::writeRead(source, one);
+            TestSupport::writeRead(source, two);
+        }
+    }
+    Handler h;
+    TestSupport::LogCapture log;
+    h->SubmitFilePair({path, path, "nocall_1", "nocall_2"});
+    h->SubmitFilePair({path, path, "strides_1", "strides_2"});
+    h->SubmitFilePair({path, path, "tiny_1", "tiny_2"});
+    h->SubmitFilePair({path, path, "missing_1", "nocall_1"});
+    h->NoMoreData();
+    // The last pair is looked at after the two good ones are queued: wait for its line too.
+    ASSERT_TRUE(eventually([&] {
+        return h->LoadedCount() == 2 && h->PendingCount() == 0 && log.Count("Error loading read pair") == 1;
+    }));
+    EXPECT_EQ(log.Count("Missing information about 1d basecall in read file."), 1u);
+    EXPECT_EQ(log.Count("Could not load read pair (nocall_1, nocall_2)."), 1u);
+    EXPECT_EQ(log.Count("Error loading read pair (missing_1, nocall_1): Read id 'missing_1' not found"), 1u);
+
+    ReadHolderMD holder;
+    EXPECT_FALSE(h->GetRead(0, holder, 0));
+    EXPECT_EQ(log.Count("\" strides_1, \""), 1u);
+    EXPECT_EQ(log.Count("have different event strides. Cannot continue."), 1u);
+    EXPECT_EQ(h->Processor().Count(), 0u);  // no summary row for it
+
+    EXPECT_FALSE(h->GetRead(0, holder, 0));
+    EXPECT_EQ(log.Count("did not produce a usable prior alignment."), 1u);
+    EXPECT_EQ(h->Processor().Count(), 1u);  // a summary row, and no sequence
+    EXPECT_TRUE(eventually([&] { return !h->IsActive(); }));
+}
+
+TEST(PairLoading, AtMostAHundredPairsWaitLoaded) {
+    const std::string path = newFile("many");
+    const auto pairs = writePairs(path, 130, 5, 40);
+    Handler h;
+    for (const auto& p : pairs) {
+        h->SubmitFilePair(p);
+    }
+    h->NoMoreData();
+    ASSERT_TRUE(eventually([&] { return h->LoadedCount() == FileDataHandlerMD::kMaxLoaded; }, 60));
+    // Nobody takes them: loading stays stopped at the cap.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(h->LoadedCount(), FileDataHandlerMD::kMaxLoaded);
+    EXPECT_EQ(h->PendingCount(), 30u);
+    EXPECT_TRUE(h->IsActive());
+    // Taking one lets one more in.
+    ReadHolderMD holder;
+    ASSERT_TRUE(h->GetRead(0, holder, 0));
+    ASSERT_TRUE(eventually([&] { return h->PendingCount() == 29; }));
+    EXPECT_TRUE(eventually([&] { return h->LoadedCount() == FileDataHandlerMD::kMaxLoaded; }));
+}

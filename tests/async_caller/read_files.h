@@ -1,0 +1,179 @@
+#pragma once
+// Small read files for the loading tests, written with the storage layer's write half, and a scratch
+// directory that goes away with the test program.
+
+#include <stdlib.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "data_api/analysis_data.h"
+#include "data_api/data_table.h"
+#include "data_api/data_view.h"
+#include "data_api/h5_object.h"
+#include "data_api/rawh5_read_source.h"
+#include "data_api/read_data.h"
+
+namespace TestSupport {
+
+class ScratchDir {
+public:
+    ScratchDir() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "kvx_async_caller_XXXXXX").string();
+        if (mkdtemp(&pattern[0]) == nullptr) {
+            throw std::runtime_error("cannot make a scratch directory");
+        }
+        path = pattern;
+    }
+    ~ScratchDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    std::string File(const std::string& name) const { return path + "/" + name; }
+
+    std::string path;
+};
+
+inline ScratchDir& Scratch() {
+    static ScratchDir dir;
+    return dir;
+}
+
+// What one read of a file holds. The defaults make a read that loads: one block of 10 samples per
+// move, a segmentation covering all blocks after `first_sample`.
+struct ReadSpec {
+    std::string id;
+    std::vector<std::int16_t> samples;
+    std::uint64_t first_sample = 0;
+    std::uint64_t duration_template = 0;  // 0: 10 samples per block
+    std::vector<std::uint8_t> moves;
+    std::string sequence;                 // the Fastq record's bases
+    bool segmentation = true;
+    bool basecall = true;
+    bool move = true;
+    bool fastq = true;
+    bool block_stride = true;             // write "block_stride" = 10
+    std::uint64_t block_stride_value = 10;
+    std::vector<std::string> model_states;  // non-empty: write an "Events" table of these
+    boost::any channel_number = std::string("12");
+    std::uint64_t start_time = 4000;
+};
+
+inline DataAPI::ReadMetadata readMetadata(const ReadSpec& spec) {
+    return {
+        {"raw_data",
+         {{"read_id", spec.id},
+          {"duration", static_cast<unsigned int>(spec.samples.size())},
+          {"read_number", 17u},
+          {"start_time", static_cast<unsigned long>(spec.start_time)},
+          {"start_mux", 1u},
+          {"median_before", 220.0}}},
+        {"channel_id",
+         {{"digitisation", 8192.0},
+          {"offset", 10.0},
+          {"range", 1400.0},
+          {"sampling_rate", 4000.0},
+          {"channel_number", spec.channel_number}}},
+        {"tracking_id",
+         {{"run_id", std::string("run-1")},
+          {"flow_cell_id", std::string("FC-1")},
+          {"sample_id", std::string("sample-1")},
+          {"exp_start_time", std::string("2017-06-01T10:00:00Z")}}},
+    };
+}
+
+inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadSpec& spec) {
+    auto read = source.AddRead(spec.id);
+    read->SetMetadata(readMetadata(spec));
+    read->SetRawData(spec.samples);
+    const std::uint64_t blocks = spec.model_states.empty() ? spec.moves.size() : spec.model_states.size();
+    if (spec.segmentation) {
+        auto seg = read->CreateAnalysis("Segmentation", {});
+        seg->SetSummary(DataAPI::ReturnStatus::Successful,
+                        {{"segmentation",
+                          {{"first_sample_template", static_cast<unsigned long>(spec.first_sample)},
+                           {"duration_template",
+                            static_cast<unsigned long>(spec.duration_template ? spec.duration_template
+                                                                              : blocks * 10)}}}});
+    }
+    if (!spec.basecall) {
+        return;
+    }
+    auto analysis = read->CreateAnalysis("Basecall_1D", {});
+    if (spec.move) {
+        analysis->CreateDataSet("BaseCalled_template/Move", DataAPI::DataView::Of(spec.moves), {});
+    }
+    if (spec.fastq) {
+        analysis->CreateDataSet("BaseCalled_template/Fastq",
+                                DataAPI::DataView::OfString("@" + spec.id + "\n" + spec.sequence + "\n+\n" +
+                                                            std::string(spec.sequence.size(), '+') + "\n"),
+                                {});
+    }
+    if (!spec.model_states.empty()) {
+        DataAPI::DataTable events;
+        events.AddField("start", DataAPI::DataType::Int64);
+        events.AddField("model_state", DataAPI::DataType::FixedString, 5);
+        events.Resize(spec.model_states.size());
+        for (std::size_t r = 0; r < spec.model_states.size(); ++r) {
+            events.Set<std::int64_t>(r, "start", static_cast<std::int64_t>(r * 10));
+            events.SetString(r, "model_state", spec.model_states[r]);
+        }
+        analysis->CreateDataSet("BaseCalled_template/Events", events.View(), {});
+    }
+    DataAPI::AttributeMap tmpl = {{"mean_qscore", 10.0f}};
+    if (spec.block_stride) {
+        tmpl["block_stride"] = static_cast<int>(spec.block_stride_value);
+    }
+    analysis->SetSummary(DataAPI::ReturnStatus::Successful, {{"basecall_1d_template", tmpl}});
+}
+
+inline std::string reverseComplement(const std::string& s) {
+    std::string out(s.rbegin(), s.rend());
+    for (char& c : out) {
+        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
+    }
+    return out;
+}
+
+// A pair of reads of one molecule for a 5-mer 1D model: strand 1 reads `bases`, strand 2 its reverse
+// complement, one block of 10 samples per base plus a few stays on strand 2, with 100 samples of
+// lead-in before the segmentation.
+inline void pairSpecs(const std::string& id, const std::string& bases, std::mt19937& random, ReadSpec& one,
+                      ReadSpec& two) {
+    std::uniform_int_distribution<int> noise(-40, 40);
+    const auto build = [&](ReadSpec& spec, const std::string& seq, bool stays) {
+        spec.id = id + (stays ? "_2" : "_1");
+        spec.sequence = seq;
+        spec.moves.clear();
+        spec.moves.push_back(1);
+        for (std::size_t b = 5; b < seq.size(); ++b) {
+            spec.moves.push_back(1);
+            if (stays && b % 37 == 0) {
+                spec.moves.push_back(0);
+            }
+        }
+        spec.first_sample = 100;
+        spec.samples.assign(100 + spec.moves.size() * 10 + 50, 0);
+        for (std::size_t i = 0; i < spec.samples.size(); ++i) {
+            spec.samples[i] = static_cast<std::int16_t>(500 + 40 * (seq[(i / 10) % seq.size()] & 7) + noise(random));
+        }
+    };
+    build(one, bases, false);
+    build(two, reverseComplement(bases), true);
+}
+
+inline std::string randomBases(std::size_t n, std::mt19937& random) {
+    std::uniform_int_distribution<int> base(0, 3);
+    std::string s(n, 'A');
+    for (char& c : s) {
+        c = "ACGT"[base(random)];
+    }
+    return s;
+}
+
+}  // namespace TestSupport
