@@ -13,6 +13,7 @@
 
 #include "async_caller/workflow_catalogue.h"
 #include "basecall_1d2_params.h"
+#include "basecaller_1d2.h"
 #include "common/logger.h"
 #include "common/logger_group.h"
 #include "run_header.h"
@@ -108,18 +109,21 @@ int runMain(int argc, char** argv) {
 
     KVX_LOG(message) << Marlo::RunHeader(params);
 
-    // RUN DRIVER: constructing and running Marlo::Basecaller1D2 goes here, in an inner guard:
-    //     try {
-    //         { Marlo::Basecaller1D2 caller(params); caller.Setup(); caller.Run(); }
-    //         KVX_LOG(message) << "Basecalling completed successfully.";
-    //         return 0;
-    //     } catch (const std::exception& e) {
-    //         KVX_LOG(error) << e.what();
-    //         KVX_LOG(error) << "An error occurred in the basecaller. Aborting.";
-    //         return -1;
-    //     }
-    // The driver does not exist in this build yet, so the program stops after the run header.
-    return 0;
+    // The inner guard: a failure of the run is logged, now that logging exists. The driver is gone
+    // (unwound) before anything is logged about it.
+    try {
+        {
+            Marlo::Basecaller1D2 caller(params);
+            caller.Setup();
+            caller.Run();
+        }
+        KVX_LOG(message) << "Basecalling completed successfully.";
+        return 0;
+    } catch (const std::exception& e) {
+        KVX_LOG(error) << e.what();
+        KVX_LOG(error) << "An error occurred in the basecaller. Aborting.";
+        return -1;
+    }
 }
 
 }  // namespace
