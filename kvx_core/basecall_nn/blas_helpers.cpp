@@ -2,6 +2,7 @@
 
 #include <cblas.h>
 
+#include <mutex>
 #include <stdexcept>
 
 #include "basecall_nn/nn_kernels.h"
@@ -127,6 +128,11 @@ void matrixMultiply(const Common::MatView<const float>& X, const Common::MatView
     cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, static_cast<blasint>(X.rows),
                 static_cast<blasint>(W.cols), static_cast<blasint>(W.rows), 1.0f, X.data,
                 leading(X), W.data, leading(W), 0.0f, Y.data, leading(Y));
+}
+
+void useSingleThreadedBlas() {
+    static std::once_flag once;
+    std::call_once(once, [] { openblas_set_num_threads(1); });
 }
 
 }  // namespace detail

@@ -29,5 +29,10 @@ void matrixMultiplyAdd(const Common::VecView<float>& y, const Common::VecView<co
 void matrixMultiply(const Common::MatView<const float>& X, const Common::MatView<const float>& W,
                     const Common::MatView<float>& Y);
 
+// Each pipeline worker runs its own network, so the BLAS must not start threads of its own inside
+// every call: with several workers that oversubscribes the cores and the library's idle threads
+// spin. Called by every runner; the setting is process-wide and made once.
+void useSingleThreadedBlas();
+
 }  // namespace detail
 }  // namespace BasecallNN

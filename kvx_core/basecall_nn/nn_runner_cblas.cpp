@@ -5,6 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "basecall_nn/blas_helpers.h"
 #include "common/logger.h"
 #include "decoders/state_moves.h"
 
@@ -34,6 +35,7 @@ NNRunnerCblas::NNRunnerCblas(std::shared_ptr<const NNCallerCblas> caller_, int m
     if (!caller || caller->Layers().empty()) {
         throw std::runtime_error("Cannot run a network with no layers.");
     }
+    detail::useSingleThreadedBlas();
     useSimpleDecode = caller->decode_type == kNontransducer;
     Reserve(maxRows);
 }
