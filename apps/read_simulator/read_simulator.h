@@ -1,5 +1,5 @@
 #pragma once
-// Read simulator of the test bed: turns molecules into raw nanopore-like signal with full truth.
+// Read simulator of the test bed: turns molecules into raw pore-current signal with full truth.
 //
 // A strand moves through the pore one base at a time. While base j is the newest base in the pore,
 // the current is set by the 6-mer ending at j; that level lasts for a random dwell of samples and is

@@ -15,7 +15,7 @@
 using AsyncCaller::FileDataHandlerMD;
 using AsyncCaller::PriorAligner;
 using AsyncCaller::ReadHolderMD;
-using TestSupport::ReadSpec;
+using TestSupport::ReadRecipe;
 
 namespace {
 
@@ -43,13 +43,13 @@ std::string newFile(const std::string& stem) {
     return TestSupport::Scratch().File(stem + "_" + std::to_string(serial++) + ".rawh5");
 }
 
-ReadSpec simpleSpec(const std::string& sequence, std::vector<std::uint8_t> moves) {
-    ReadSpec spec;
-    spec.id = "read";
-    spec.sequence = sequence;
-    spec.moves = std::move(moves);
-    spec.samples.assign(spec.moves.size() * 10 + 20, 300);
-    return spec;
+ReadRecipe simpleRecipe(const std::string& sequence, std::vector<std::uint8_t> moves) {
+    ReadRecipe recipe;
+    recipe.id = "read";
+    recipe.sequence = sequence;
+    recipe.moves = std::move(moves);
+    recipe.samples.assign(recipe.moves.size() * 10 + 20, 300);
+    return recipe;
 }
 
 struct Loaded {
@@ -59,15 +59,15 @@ struct Loaded {
 };
 
 // Writes the read alone to a file, and loads it as strand 1 or 2.
-Loaded loadLabels(const ReadSpec& spec, bool second) {
+Loaded loadLabels(const ReadRecipe& recipe, bool second) {
     const std::string path = newFile("labels");
     {
         DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-        TestSupport::writeRead(source, spec);
+        TestSupport::writeRead(source, recipe);
     }
     Handler h;
     DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::ReadOnly);
-    std::shared_ptr<DataAPI::ReadData> read = source.GetRead(spec.id);
+    std::shared_ptr<DataAPI::ReadData> read = source.GetRead(recipe.id);
     AsyncCaller::FileDataHandler::RawRead raw;
     Loaded out;
     TestSupport::LogCapture log;
@@ -77,8 +77,8 @@ Loaded loadLabels(const ReadSpec& spec, bool second) {
 }
 
 // The single logged line of a failed load.
-std::string failure(const ReadSpec& spec) {
-    const Loaded l = loadLabels(spec, false);
+std::string failure(const ReadRecipe& recipe) {
+    const Loaded l = loadLabels(recipe, false);
     EXPECT_FALSE(l.ok);
     return l.log.size() == 1 ? l.log[0] : "<" + std::to_string(l.log.size()) + " lines>";
 }
@@ -117,83 +117,83 @@ TEST(PairLoading, LabelsFromMovesAndFastqForEachKmerLength) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.sequence);
-        const ReadSpec spec = simpleSpec(c.sequence, c.moves);
-        const Loaded one = loadLabels(spec, false);
+        const ReadRecipe recipe = simpleRecipe(c.sequence, c.moves);
+        const Loaded one = loadLabels(recipe, false);
         ASSERT_TRUE(one.ok);
         EXPECT_EQ(one.info.labels, c.strand1);
         EXPECT_EQ(one.info.stride, 10u);
         EXPECT_EQ(one.info.duration, c.moves.size() * 10);
-        const Loaded two = loadLabels(spec, true);
+        const Loaded two = loadLabels(recipe, true);
         ASSERT_TRUE(two.ok);
         EXPECT_EQ(two.info.labels, c.strand2);
     }
 }
 
 TEST(PairLoading, StrideFromTheSegmentationWhenTheCallHasNone) {
-    ReadSpec spec = simpleSpec("ACGTACGT", {1, 2, 1});
-    spec.duration_template = 37;
-    spec.block_stride = false;
-    EXPECT_EQ(loadLabels(spec, false).info.stride, 12u);  // 37 / 3 blocks
-    spec.block_stride = true;
-    spec.block_stride_value = 0;  // present but 0 is the same as absent
-    EXPECT_EQ(loadLabels(spec, false).info.stride, 12u);
+    ReadRecipe recipe = simpleRecipe("ACGTACGT", {1, 2, 1});
+    recipe.duration_template = 37;
+    recipe.block_stride = false;
+    EXPECT_EQ(loadLabels(recipe, false).info.stride, 12u);  // 37 / 3 blocks
+    recipe.block_stride = true;
+    recipe.block_stride_value = 0;  // present but 0 is the same as absent
+    EXPECT_EQ(loadLabels(recipe, false).info.stride, 12u);
 }
 
 TEST(PairLoading, LabelsFromAnEventsTable) {
-    ReadSpec spec = simpleSpec("", {});
-    spec.move = false;
-    spec.fastq = false;
-    spec.model_states = {"ACGTA", "CGTAC", "GTACG", "TACGT"};
-    spec.samples.assign(100, 300);
-    const Loaded one = loadLabels(spec, false);
+    ReadRecipe recipe = simpleRecipe("", {});
+    recipe.move = false;
+    recipe.fastq = false;
+    recipe.model_states = {"ACGTA", "CGTAC", "GTACG", "TACGT"};
+    recipe.samples.assign(100, 300);
+    const Loaded one = loadLabels(recipe, false);
     ASSERT_TRUE(one.ok);
     EXPECT_EQ(one.info.labels, (std::vector<std::int32_t>{27, 44, 49, 6}));  // CGT GTA TAC ACG
-    const Loaded two = loadLabels(spec, true);
+    const Loaded two = loadLabels(recipe, true);
     ASSERT_TRUE(two.ok);
     // Reversed and complemented: ACG->CGT, TAC->GTA, GTA->TAC, CGT->ACG, stored last first.
     EXPECT_EQ(two.info.labels, (std::vector<std::int32_t>{27, 44, 49, 6}));
 
-    spec.model_states = {"ACGTA", std::string(), "GTACG"};
-    EXPECT_EQ(failure(spec),
+    recipe.model_states = {"ACGTA", std::string(), "GTACG"};
+    EXPECT_EQ(failure(recipe),
               "Exception thrown extracting 1d read data: Label lookup failed, model_state table possibly corrupt.");
 }
 
 TEST(PairLoading, EachFailureIsLoggedWithItsText) {
-    ReadSpec good = simpleSpec("ACGTACGT", {1, 2, 1});
+    ReadRecipe good = simpleRecipe("ACGTACGT", {1, 2, 1});
     {
-        ReadSpec s = good;
+        ReadRecipe s = good;
         s.segmentation = false;
         EXPECT_EQ(failure(s), "Missing information about segmentation in read file.");
     }
     {
-        ReadSpec s = good;
+        ReadRecipe s = good;
         s.basecall = false;
         EXPECT_EQ(failure(s), "Missing information about 1d basecall in read file.");
     }
     {
-        ReadSpec s = good;
+        ReadRecipe s = good;
         s.move = false;
         EXPECT_EQ(failure(s), "Missing 'Move' dataset for 1d basecall.");
     }
     {
-        ReadSpec s = good;
+        ReadRecipe s = good;
         s.fastq = false;
         EXPECT_EQ(failure(s), "Missing 'Fastq' dataset for 1d basecall.");
     }
     for (const std::uint8_t extra : {0, 2}) {
         // k = 2 and k = 6 are not the k of any 1D model.
-        ReadSpec s = good;
+        ReadRecipe s = good;
         s.moves.back() = static_cast<std::uint8_t>(s.moves.back() + (extra == 0 ? 3 : -1));
         EXPECT_EQ(failure(s), "Move dataset is inconsistent with Fastq dataset.");
     }
     {
-        ReadSpec s = good;
+        ReadRecipe s = good;
         s.sequence = "ACGTNCGT";
         EXPECT_EQ(failure(s), "Exception thrown extracting 1d read data: map::at");
     }
     {
         // A read with both forms, "Events" listed first: the events path runs over the "Move" data set.
-        ReadSpec s = good;
+        ReadRecipe s = good;
         s.model_states = {"ACGTA", "CGTAC", "GTACG"};
         const std::string text = failure(s);
         EXPECT_EQ(text.rfind("Exception thrown extracting 1d read data: ", 0), 0u) << text;
@@ -205,9 +205,9 @@ TEST(PairLoading, InvalidFastqRecord) {
     const std::string path = newFile("fastq");
     {
         DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-        ReadSpec spec = simpleSpec("ACGTACGT", {1, 2, 1});
-        spec.fastq = false;
-        TestSupport::writeRead(source, spec);
+        ReadRecipe recipe = simpleRecipe("ACGTACGT", {1, 2, 1});
+        recipe.fastq = false;
+        TestSupport::writeRead(source, recipe);
         auto read = source.GetRead("read");
         auto analysis = read->GetAnalysis({"Basecall_1D_000", "Basecall_1D_000"});
         analysis->CreateDataSet("BaseCalled_template/Fastq", DataAPI::DataView::OfString("@read ACGT"), {});
@@ -231,7 +231,7 @@ std::vector<AsyncCaller::ReadPair> writePairs(const std::string& path, int count
     std::vector<AsyncCaller::ReadPair> pairs;
     DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
     for (int i = 0; i < count; ++i) {
-        ReadSpec one, two;
+        ReadRecipe one, two;
         TestSupport::pairSpecs("p" + std::to_string(i), TestSupport::randomBases(bases, random), random, one, two);
         TestSupport::writeRead(source, one);
         TestSupport::writeRead(source, two);
@@ -325,7 +325,7 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
         DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
         {
             // A pair whose strand 2 has no 1D call.
-            ReadSpec one, two;
+            ReadRecipe one, two;
             TestSupport::pairSpecs("nocall", TestSupport::randomBases(60, random), random, one, two);
             two.basecall = false;
             TestSupport::writeRead(source, one);
@@ -333,7 +333,7 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
         }
         {
             // A pair called with different block strides.
-            ReadSpec one, two;
+            ReadRecipe one, two;
             TestSupport::pairSpecs("strides", TestSupport::randomBases(60, random), random, one, two);
             two.block_stride_value = 12;
             TestSupport::writeRead(source, one);
@@ -341,7 +341,7 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
         }
         {
             // A pair of one block each: its path has a single aligned entry.
-            ReadSpec one, two;
+            ReadRecipe one, two;
             TestSupport::pairSpecs("tiny", "ACGTA", random, one, two);
             TestSupport::writeRead(source, one);
             TestSupport::writeRead(source, two);

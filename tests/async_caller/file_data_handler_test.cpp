@@ -179,13 +179,13 @@ TEST(FileDataHandler, LoadRawReadConvertsMetadata) {
     const std::string path = TestSupport::Scratch().File("raw_read.rawh5");
     {
         DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-        TestSupport::ReadSpec spec;
-        spec.id = "r-string";
-        spec.samples = {1, 2, 3, 4};
-        TestSupport::writeRead(source, spec);
-        spec.id = "r-int";
-        spec.channel_number = 345;
-        TestSupport::writeRead(source, spec);
+        TestSupport::ReadRecipe recipe;
+        recipe.id = "r-string";
+        recipe.samples = {1, 2, 3, 4};
+        TestSupport::writeRead(source, recipe);
+        recipe.id = "r-int";
+        recipe.channel_number = 345;
+        TestSupport::writeRead(source, recipe);
     }
     IdleHandler handler;
     DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::ReadOnly);

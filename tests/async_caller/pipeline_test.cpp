@@ -41,7 +41,7 @@ std::vector<AsyncCaller::ReadPair> writeDataset(const std::string& stem, int fil
         const std::string path = TestSupport::Scratch().File(stem + std::to_string(f) + ".rawh5");
         DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
         for (int i = 0; i < perFile; ++i) {
-            TestSupport::ReadSpec one, two;
+            TestSupport::ReadRecipe one, two;
             const std::string id = "f" + std::to_string(f) + "p" + std::to_string(i);
             TestSupport::pairSpecs(id, TestSupport::randomBases(static_cast<std::size_t>(length(random)), random),
                                    random, one, two);

@@ -46,7 +46,7 @@ inline ScratchDir& Scratch() {
 
 // What one read of a file holds. The defaults make a read that loads: one block of 10 samples per
 // move, a segmentation covering all blocks after `first_sample`.
-struct ReadSpec {
+struct ReadRecipe {
     std::string id;
     std::vector<std::int16_t> samples;
     std::uint64_t first_sample = 0;
@@ -64,13 +64,13 @@ struct ReadSpec {
     std::uint64_t start_time = 4000;
 };
 
-inline DataAPI::ReadMetadata readMetadata(const ReadSpec& spec) {
+inline DataAPI::ReadMetadata readMetadata(const ReadRecipe& recipe) {
     return {
         {"raw_data",
-         {{"read_id", spec.id},
-          {"duration", static_cast<unsigned int>(spec.samples.size())},
+         {{"read_id", recipe.id},
+          {"duration", static_cast<unsigned int>(recipe.samples.size())},
           {"read_number", 17u},
-          {"start_time", static_cast<unsigned long>(spec.start_time)},
+          {"start_time", static_cast<unsigned long>(recipe.start_time)},
           {"start_mux", 1u},
           {"median_before", 220.0}}},
         {"channel_id",
@@ -78,7 +78,7 @@ inline DataAPI::ReadMetadata readMetadata(const ReadSpec& spec) {
           {"offset", 10.0},
           {"range", 1400.0},
           {"sampling_rate", 4000.0},
-          {"channel_number", spec.channel_number}}},
+          {"channel_number", recipe.channel_number}}},
         {"tracking_id",
          {{"run_id", std::string("run-1")},
           {"flow_cell_id", std::string("FC-1")},
@@ -87,47 +87,47 @@ inline DataAPI::ReadMetadata readMetadata(const ReadSpec& spec) {
     };
 }
 
-inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadSpec& spec) {
-    auto read = source.AddRead(spec.id);
-    read->SetMetadata(readMetadata(spec));
-    read->SetRawData(spec.samples);
-    const std::uint64_t blocks = spec.model_states.empty() ? spec.moves.size() : spec.model_states.size();
-    if (spec.segmentation) {
+inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadRecipe& recipe) {
+    auto read = source.AddRead(recipe.id);
+    read->SetMetadata(readMetadata(recipe));
+    read->SetRawData(recipe.samples);
+    const std::uint64_t blocks = recipe.model_states.empty() ? recipe.moves.size() : recipe.model_states.size();
+    if (recipe.segmentation) {
         auto seg = read->CreateAnalysis("Segmentation", {});
         seg->SetSummary(DataAPI::ReturnStatus::Successful,
                         {{"segmentation",
-                          {{"first_sample_template", static_cast<unsigned long>(spec.first_sample)},
+                          {{"first_sample_template", static_cast<unsigned long>(recipe.first_sample)},
                            {"duration_template",
-                            static_cast<unsigned long>(spec.duration_template ? spec.duration_template
+                            static_cast<unsigned long>(recipe.duration_template ? recipe.duration_template
                                                                               : blocks * 10)}}}});
     }
-    if (!spec.basecall) {
+    if (!recipe.basecall) {
         return;
     }
     auto analysis = read->CreateAnalysis("Basecall_1D", {});
-    if (spec.move) {
-        analysis->CreateDataSet("BaseCalled_template/Move", DataAPI::DataView::Of(spec.moves), {});
+    if (recipe.move) {
+        analysis->CreateDataSet("BaseCalled_template/Move", DataAPI::DataView::Of(recipe.moves), {});
     }
-    if (spec.fastq) {
+    if (recipe.fastq) {
         analysis->CreateDataSet("BaseCalled_template/Fastq",
-                                DataAPI::DataView::OfString("@" + spec.id + "\n" + spec.sequence + "\n+\n" +
-                                                            std::string(spec.sequence.size(), '+') + "\n"),
+                                DataAPI::DataView::OfString("@" + recipe.id + "\n" + recipe.sequence + "\n+\n" +
+                                                            std::string(recipe.sequence.size(), '+') + "\n"),
                                 {});
     }
-    if (!spec.model_states.empty()) {
+    if (!recipe.model_states.empty()) {
         DataAPI::DataTable events;
         events.AddField("start", DataAPI::DataType::Int64);
         events.AddField("model_state", DataAPI::DataType::FixedString, 5);
-        events.Resize(spec.model_states.size());
-        for (std::size_t r = 0; r < spec.model_states.size(); ++r) {
+        events.Resize(recipe.model_states.size());
+        for (std::size_t r = 0; r < recipe.model_states.size(); ++r) {
             events.Set<std::int64_t>(r, "start", static_cast<std::int64_t>(r * 10));
-            events.SetString(r, "model_state", spec.model_states[r]);
+            events.SetString(r, "model_state", recipe.model_states[r]);
         }
         analysis->CreateDataSet("BaseCalled_template/Events", events.View(), {});
     }
     DataAPI::AttributeMap tmpl = {{"mean_qscore", 10.0f}};
-    if (spec.block_stride) {
-        tmpl["block_stride"] = static_cast<int>(spec.block_stride_value);
+    if (recipe.block_stride) {
+        tmpl["block_stride"] = static_cast<int>(recipe.block_stride_value);
     }
     analysis->SetSummary(DataAPI::ReturnStatus::Successful, {{"basecall_1d_template", tmpl}});
 }
@@ -143,24 +143,24 @@ inline std::string reverseComplement(const std::string& s) {
 // A pair of reads of one molecule for a 5-mer 1D model: strand 1 reads `bases`, strand 2 its reverse
 // complement, one block of 10 samples per base plus a few stays on strand 2, with 100 samples of
 // lead-in before the segmentation.
-inline void pairSpecs(const std::string& id, const std::string& bases, std::mt19937& random, ReadSpec& one,
-                      ReadSpec& two) {
+inline void pairSpecs(const std::string& id, const std::string& bases, std::mt19937& random, ReadRecipe& one,
+                      ReadRecipe& two) {
     std::uniform_int_distribution<int> noise(-40, 40);
-    const auto build = [&](ReadSpec& spec, const std::string& seq, bool stays) {
-        spec.id = id + (stays ? "_2" : "_1");
-        spec.sequence = seq;
-        spec.moves.clear();
-        spec.moves.push_back(1);
+    const auto build = [&](ReadRecipe& recipe, const std::string& seq, bool stays) {
+        recipe.id = id + (stays ? "_2" : "_1");
+        recipe.sequence = seq;
+        recipe.moves.clear();
+        recipe.moves.push_back(1);
         for (std::size_t b = 5; b < seq.size(); ++b) {
-            spec.moves.push_back(1);
+            recipe.moves.push_back(1);
             if (stays && b % 37 == 0) {
-                spec.moves.push_back(0);
+                recipe.moves.push_back(0);
             }
         }
-        spec.first_sample = 100;
-        spec.samples.assign(100 + spec.moves.size() * 10 + 50, 0);
-        for (std::size_t i = 0; i < spec.samples.size(); ++i) {
-            spec.samples[i] = static_cast<std::int16_t>(500 + 40 * (seq[(i / 10) % seq.size()] & 7) + noise(random));
+        recipe.first_sample = 100;
+        recipe.samples.assign(100 + recipe.moves.size() * 10 + 50, 0);
+        for (std::size_t i = 0; i < recipe.samples.size(); ++i) {
+            recipe.samples[i] = static_cast<std::int16_t>(500 + 40 * (seq[(i / 10) % seq.size()] & 7) + noise(random));
         }
     };
     build(one, bases, false);
