@@ -219,16 +219,22 @@ void gruViews(GruArrays& a, std::size_t insize, std::size_t size, IwAt iwAt, SwA
     }
 }
 
-// Tessel LSTM: "iW", "sW", optional "b" and "p" under "params".
-void readTesselLstm(const Value& layer, const char* prefix, LstmArrays& a, int& insizeOut, int& sizeOut) {
-    const std::string what = layerWhat(layer);
-    const int insize = getPositive(layer, "insize");
-    const int size = getPositive(layer, "size");
+// Sizes of a Tessel recurrent layer; the recurrent layers only run with tanh.
+void readRecurrentShape(const Value& layer, const char* prefix, int& insize, int& size) {
+    insize = getPositive(layer, "insize");
+    size = getPositive(layer, "size");
     const std::string activation = getString(layer, "activation");
     if (activation != "tanh") {
         throw std::runtime_error(std::string(prefix) + " layer does not support activation function '" + activation +
                                  "'.");
     }
+}
+
+// Tessel LSTM: "iW", "sW", optional "b" and "p" under "params".
+void readTesselLstm(const Value& layer, const char* prefix, LstmArrays& a, int& insizeOut, int& sizeOut) {
+    const std::string what = layerWhat(layer);
+    int insize = 0, size = 0;
+    readRecurrentShape(layer, prefix, insize, size);
     const bool hasBias = getBool(layer, "bias");
     const bool hasPeep = getBool(layer, "peep");
     const Value& params = required(layer, "params", what);
@@ -256,13 +262,8 @@ void readTesselLstm(const Value& layer, const char* prefix, LstmArrays& a, int& 
 // Tessel GRU: "iW", "sW" then "sW2" into one array, optional "b".
 void readTesselGru(const Value& layer, const char* prefix, GruArrays& a, int& insizeOut, int& sizeOut) {
     const std::string what = layerWhat(layer);
-    const int insize = getPositive(layer, "insize");
-    const int size = getPositive(layer, "size");
-    const std::string activation = getString(layer, "activation");
-    if (activation != "tanh") {
-        throw std::runtime_error(std::string(prefix) + " layer does not support activation function '" + activation +
-                                 "'.");
-    }
+    int insize = 0, size = 0;
+    readRecurrentShape(layer, prefix, insize, size);
     const bool hasBias = getBool(layer, "bias");
     const Value& params = required(layer, "params", what);
     const std::size_t in = static_cast<std::size_t>(insize);
