@@ -19,6 +19,7 @@ PACKAGES=(
   openssl
   libedlib-dev seqkit
   libminimap2-dev
+  clang libfuzzer-14-dev libclang-rt-14-dev
 )
 
 missing=()

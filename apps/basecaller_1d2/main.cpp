@@ -23,8 +23,10 @@ using Common::Parameters;
 
 namespace {
 
+// A name with no folder of its own, the empty one included, is taken from the data path: an empty
+// option then names the data path itself, which the run header shows and loading refuses clearly.
 std::string prefixIfBare(const std::string& name, const std::string& directory) {
-    if (name.empty() || fs::path(name).has_parent_path()) {
+    if (fs::path(name).has_parent_path()) {
         return name;
     }
     return (fs::path(directory) / name).string();

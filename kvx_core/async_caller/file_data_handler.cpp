@@ -2,7 +2,10 @@
 
 #include <time.h>
 
+#include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 
 #include "async_caller/read_holder_md.h"
@@ -207,9 +210,12 @@ std::string ReadStartTimeText(const std::string& exp_start_time, std::uint64_t s
     // mktime reads the fields as local time and gmtime writes UTC, so a run away from UTC shifts by
     // its zone offset; the files' readers expect exactly that.
     time_t when = mktime(&start);
-    if (sampling_rate > 0.0f) {
-        when += static_cast<std::uint32_t>(static_cast<float>(start_time) / sampling_rate);
+    const float seconds = sampling_rate > 0.0f ? static_cast<float>(start_time) / sampling_rate : 0.0f;
+    // A damaged sampling rate can push the offset past any date; such a start has no text.
+    if (!(seconds < 4294967296.0f)) {
+        return std::string();
     }
+    when += static_cast<std::uint32_t>(seconds);
     struct tm utc;
     if (gmtime_r(&when, &utc) == nullptr) {
         return std::string();
@@ -217,6 +223,19 @@ std::string ReadStartTimeText(const std::string& exp_start_time, std::uint64_t s
     char buffer[32];
     const std::size_t length = strftime(buffer, sizeof(buffer), "%FT%TZ", &utc);
     return std::string(buffer, length);
+}
+
+std::int64_t CheckedInteger(const boost::any& value, const std::string& name, std::int64_t low, std::int64_t high) {
+    // Through double, which holds every value of the kinds an attribute can have closely enough to
+    // compare with the bounds, and whose conversion to an integer is defined once they are met.
+    const double number = DataAPI::GenericCastOrParse<double>(value);
+    if (!(number >= static_cast<double>(low) && number <= static_cast<double>(high))) {
+        std::ostringstream os;
+        os << "Attribute '" << name << "' is out of range: " << number << " is not in [" << low << ", " << high
+           << "].";
+        throw std::runtime_error(os.str());
+    }
+    return static_cast<std::int64_t>(number);
 }
 
 bool FileDataHandler::loadRawRead(const std::shared_ptr<DataAPI::ReadData>& read, RawRead& raw) {
@@ -246,11 +265,17 @@ bool FileDataHandler::loadRawRead(const std::shared_ptr<DataAPI::ReadData>& read
     raw.stride = stride;
 
     const DataAPI::AttributeMap& channel = metadata.at("channel_id");
-    m.channel = DataAPI::GenericCastOrParse<std::uint32_t>(channel.at("channel_number"));
-    raw.offset = DataAPI::GenericCastOrParse<std::int16_t>(channel.at("offset"));
+    m.channel = static_cast<std::uint32_t>(CheckedInteger(channel.at("channel_number"), "channel_number", 0, UINT32_MAX));
+    raw.offset = static_cast<std::int16_t>(CheckedInteger(channel.at("offset"), "offset", INT16_MIN, INT16_MAX));
     const auto range = DataAPI::GenericCastOrParse<float>(channel.at("range"));
     const auto digitisation = DataAPI::GenericCastOrParse<float>(channel.at("digitisation"));
     raw.scale = range / digitisation;
+    // Anything else would turn the whole signal into infinities or NaN, which the network and the
+    // integer scores of the decoder cannot take.
+    if (!std::isfinite(raw.scale) || !(raw.scale > 0.0f)) {
+        throw std::runtime_error("Channel calibration of read " + m.read_id +
+                                 " is not usable: range / digitisation must be a positive number.");
+    }
     return true;
 }
 

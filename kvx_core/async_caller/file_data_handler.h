@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include <boost/any.hpp>
+
 #include "async_caller/data_handler.h"
 #include "async_caller/read_holder_1d.h"
 
@@ -138,6 +140,12 @@ private:
     std::map<int, std::vector<std::string>> kmers;
     std::map<int, std::map<std::string, int>> kmer_index;
 };
+
+// A numeric attribute of a read file as an integer in [low, high]. Read files come from other
+// programs and may be damaged: a string that is no number, NaN, or a value out of range throws a
+// message naming the attribute, so that the read is refused instead of a negative value wrapping
+// around in unsigned arithmetic further on. Strings are parsed as GenericCastOrParse does.
+std::int64_t CheckedInteger(const boost::any& value, const std::string& name, std::int64_t low, std::int64_t high);
 
 // Wall-clock start of a read: "exp_start_time" (as "%Y-%m-%dT%H:%M:%SZ") plus start_time /
 // sampling_rate seconds, as "%FT%TZ". Empty if the experiment start cannot be parsed.

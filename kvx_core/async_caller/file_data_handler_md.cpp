@@ -1,6 +1,7 @@
 #include "async_caller/file_data_handler_md.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <iomanip>
 #include <sstream>
@@ -53,6 +54,19 @@ const DataAPI::NamePath* latestAnalysis(const std::vector<DataAPI::NamePath>& an
         }
     }
     return best;
+}
+
+// 3-mer to label, first base most significant: the same table as the handler's GetKmerIndex(3),
+// built once here so that the label functions need no handler.
+const std::map<std::string, int>& labelIndex() {
+    static const std::map<std::string, int> index = [] {
+        std::map<std::string, int> out;
+        for (int u = 0; u < 64; ++u) {
+            out.emplace(std::string{"ACGT"[u >> 4], "ACGT"[(u >> 2) & 3], "ACGT"[u & 3]}, u);
+        }
+        return out;
+    }();
+    return index;
 }
 
 }  // namespace
@@ -162,8 +176,13 @@ bool FileDataHandlerMD::loadReadAndLabels(std::shared_ptr<DataAPI::ReadData>& re
         }
         const auto segAnalysis = read->GetAnalysis(*segmentation);
         const DataAPI::AttributeMap& seg = segAnalysis->Summary().at("segmentation");
-        info.first_sample = DataAPI::GenericCastOrParse<std::uint64_t>(seg.at("first_sample_template"));
-        info.duration = DataAPI::GenericCastOrParse<std::uint64_t>(seg.at("duration_template"));
+        // The segmentation must lie inside the samples just loaded: everything after this point
+        // (label strides, the prior map, the copy of the aligned stretch) is sized and bounded by it.
+        const auto samples = static_cast<std::int64_t>(raw.raw_data.size());
+        info.first_sample = static_cast<std::uint64_t>(
+            CheckedInteger(seg.at("first_sample_template"), "first_sample_template", 0, samples));
+        info.duration = static_cast<std::uint64_t>(CheckedInteger(
+            seg.at("duration_template"), "duration_template", 0, samples - static_cast<std::int64_t>(info.first_sample)));
 
         const DataAPI::NamePath* basecall = latestAnalysis(analyses, "Basecall_1D_");
         if (basecall == nullptr) {
@@ -173,10 +192,13 @@ bool FileDataHandlerMD::loadReadAndLabels(std::shared_ptr<DataAPI::ReadData>& re
         const auto analysis = read->GetAnalysis(*basecall);
         const DataAPI::AttributeMap& tmpl = analysis->Summary().at("basecall_1d_template");
         info.stride = 0;
+        // Bounded by the segmentation here; whether the blocks fit in it is checked once their
+        // number is known, below.
+        const auto maxStride = static_cast<std::int64_t>(std::max<std::uint64_t>(info.duration, 1));
         if (tmpl.count("block_stride") != 0) {
-            info.stride = DataAPI::GenericCastOrParse<std::uint64_t>(tmpl.at("block_stride"));
+            info.stride = static_cast<std::uint64_t>(CheckedInteger(tmpl.at("block_stride"), "block_stride", 0, maxStride));
         } else if (tmpl.count("event_stride") != 0) {
-            info.stride = DataAPI::GenericCastOrParse<std::uint64_t>(tmpl.at("event_stride"));
+            info.stride = static_cast<std::uint64_t>(CheckedInteger(tmpl.at("event_stride"), "event_stride", 0, maxStride));
         }
 
         // In the analysis's own order: an "Events" met before "Move" leaves the name of "Move" with
@@ -203,11 +225,25 @@ bool FileDataHandlerMD::loadReadAndLabels(std::shared_ptr<DataAPI::ReadData>& re
             return false;
         }
         if (eventsForm) {
-            labelsFromEvents(*analysis, *data, info, second_strand);
+            LabelsFromEvents(analysis->GetDataSet(*data)->ReadTable(), second_strand, info.labels);
         } else {
-            if (!labelsFromMoves(*analysis, *data, *fastq, info, second_strand)) {
+            const std::vector<std::uint8_t> moves = analysis->GetDataSet(*data)->ReadVector<std::uint8_t>();
+            const std::string text = analysis->GetDataSet(*fastq)->ReadString();
+            if (!LabelsFromMoves(moves, text, second_strand, info.labels)) {
                 return false;
             }
+        }
+        const std::uint64_t blocks = info.labels.size();
+        if (info.stride == 0) {
+            info.stride = info.duration / blocks;
+        }
+        // The 1D call covers the segmented stretch with its blocks, the last one possibly cut short.
+        // More blocks than that means a damaged stride or segmentation, and would size the prior
+        // map and the aligned stretch beyond the signal.
+        if (info.stride == 0 || blocks - 1 > info.duration / info.stride) {
+            KVX_LOG(info) << "1d basecall of " << blocks << " blocks of " << info.stride
+                          << " samples does not fit the segmented signal of " << info.duration << " samples.";
+            return false;
         }
     } catch (const std::exception& e) {
         KVX_LOG(info) << "Exception thrown extracting 1d read data: " << e.what();
@@ -219,10 +255,8 @@ bool FileDataHandlerMD::loadReadAndLabels(std::shared_ptr<DataAPI::ReadData>& re
     return true;
 }
 
-bool FileDataHandlerMD::labelsFromMoves(DataAPI::AnalysisData& analysis, const DataAPI::NamePath& movesName,
-                                        const DataAPI::NamePath& fastqName, PriorReadInfo& info, bool second_strand) {
-    const std::vector<std::uint8_t> moves = analysis.GetDataSet(movesName)->ReadVector<std::uint8_t>();
-    const std::string fastq = analysis.GetDataSet(fastqName)->ReadString();
+bool LabelsFromMoves(const std::vector<std::uint8_t>& moves, const std::string& fastq, bool second_strand,
+                     std::vector<std::int32_t>& labels) {
     const std::size_t firstNewline = fastq.find('\n');
     const std::size_t secondNewline = firstNewline == std::string::npos ? std::string::npos
                                                                         : fastq.find('\n', firstNewline + 1);
@@ -246,10 +280,10 @@ bool FileDataHandlerMD::labelsFromMoves(DataAPI::AnalysisData& analysis, const D
     if (B == 0) {
         throw std::runtime_error("Move dataset is empty.");
     }
-    const std::map<std::string, int>& index = GetKmerIndex(3);
-    info.labels.assign(B, 0);
+    const std::map<std::string, int>& index = labelIndex();
+    labels.assign(B, 0);
     // The central 3-mer of each k-mer; for k = 1 the 3-mer around the base, held inside the sequence
-    // at both ends.
+    // at both ends. A position past the sequence makes substr or the look-up throw.
     std::int64_t position = k == 1 ? -1 : (k == 5 ? 1 : 0);
     for (std::uint64_t e = 0; e < B; ++e) {
         std::string bases;
@@ -261,31 +295,23 @@ bool FileDataHandlerMD::labelsFromMoves(DataAPI::AnalysisData& analysis, const D
             bases = sequence.substr(static_cast<std::size_t>(position), 3);
         }
         if (!second_strand) {
-            info.labels[e] = index.at(bases);
+            labels[e] = index.at(bases);
         } else {
             std::string rc(bases.rbegin(), bases.rend());
             std::transform(rc.begin(), rc.end(), rc.begin(), complement);
-            info.labels[B - 1 - e] = index.at(rc);
+            labels[B - 1 - e] = index.at(rc);
         }
         if (e + 1 < B) {
             position += moves[e + 1];
         }
     }
-    if (info.stride == 0) {
-        info.stride = info.duration / B;
-    }
     return true;
 }
 
-void FileDataHandlerMD::labelsFromEvents(DataAPI::AnalysisData& analysis, const DataAPI::NamePath& eventsName,
-                                         PriorReadInfo& info, bool second_strand) {
-    const DataAPI::DataTable table = analysis.GetDataSet(eventsName)->ReadTable();
+void LabelsFromEvents(const DataAPI::DataTable& table, bool second_strand, std::vector<std::int32_t>& labels) {
     const std::uint64_t rows = table.Rows();
     if (rows == 0) {
         throw std::runtime_error("Events dataset is empty.");
-    }
-    if (info.stride == 0) {
-        info.stride = info.duration / rows;
     }
     const DataAPI::TableField& field = table.Field("model_state");
     const std::size_t M = table.GetString(0, "model_state").size();
@@ -293,8 +319,8 @@ void FileDataHandlerMD::labelsFromEvents(DataAPI::AnalysisData& analysis, const 
         throw std::runtime_error("Label lookup failed, model_state table possibly corrupt.");
     }
     const std::size_t from = (M - 3) / 2;
-    const std::map<std::string, int>& index = GetKmerIndex(3);
-    info.labels.assign(rows, 0);
+    const std::map<std::string, int>& index = labelIndex();
+    labels.assign(rows, 0);
     for (std::uint64_t e = 0; e < rows; ++e) {
         const std::uint8_t* cell = table.at(e, field) + from;
         std::string bases(reinterpret_cast<const char*>(cell), 3);
@@ -302,11 +328,11 @@ void FileDataHandlerMD::labelsFromEvents(DataAPI::AnalysisData& analysis, const 
             throw std::runtime_error("Label lookup failed, model_state table possibly corrupt.");
         }
         if (!second_strand) {
-            info.labels[e] = index.at(bases);
+            labels[e] = index.at(bases);
         } else {
             std::swap(bases[0], bases[2]);
             std::transform(bases.begin(), bases.end(), bases.begin(), complement);
-            info.labels[rows - 1 - e] = index.at(bases);
+            labels[rows - 1 - e] = index.at(bases);
         }
     }
 }
@@ -345,6 +371,7 @@ bool FileDataHandlerMD::GetRead(int priority, ReadHolder& holder, int worker) {
     pair.strand_score = 0.0f;
     pair.passes_filtering = false;
     pair.chunks.clear();
+    pair.aggregated = false;
     pair.ClearRawData();
     // Where each scaled signal starts in the file's sample numbering.
     const std::uint64_t scaled1 = entry->read1.read.trimmed_start;
@@ -374,11 +401,32 @@ bool FileDataHandlerMD::GetRead(int priority, ReadHolder& holder, int worker) {
     const Common::VecView<float>& signal1 = entry->read1.raw;
     const Common::VecView<float>& signal2 = entry->read2.raw;
     // A segmentation that points outside the signal cannot be called; like a failed alignment, the
-    // pair still gets its summary row.
-    if (m1.trimmed_start < scaled1 || m2.trimmed_start < scaled2 ||
-        m1.trimmed_start - scaled1 + m1.trimmed_duration > signal1.size ||
-        m2.trimmed_start - scaled2 + m2.trimmed_duration > signal2.size) {
+    // pair still gets its summary row. Written so that no term can wrap around: the aligned stretch
+    // may start after the scaled signal's start and must end within it.
+    const auto inside = [](const ReadMeta& m, std::uint64_t scaledStart, std::uint64_t size) {
+        if (m.trimmed_start < scaledStart || m.trimmed_start - scaledStart > size) {
+            return false;
+        }
+        return m.trimmed_duration <= size - (m.trimmed_start - scaledStart);
+    };
+    if (!inside(m1, scaled1, signal1.size) || !inside(m2, scaled2, signal2.size)) {
         KVX_LOG(info) << pairText(m1, m2) << " has an aligned stretch outside its signal.";
+        pair.priorSamples.clear();
+        processor->PostProcess(pair, worker);
+        return false;
+    }
+    // A flat signal (no spread to normalise by) or damaged samples scale to infinities or NaN, which
+    // neither the network nor the decoder's integer scores can take.
+    const auto finite = [](const Common::VecView<float>& v) {
+        for (std::uint64_t i = 0; i < v.size; ++i) {
+            if (!std::isfinite(v[i])) {
+                return false;
+            }
+        }
+        return true;
+    };
+    if (!finite(signal1) || !finite(signal2)) {
+        KVX_LOG(info) << pairText(m1, m2) << " has a signal that cannot be normalised.";
         pair.priorSamples.clear();
         processor->PostProcess(pair, worker);
         return false;
@@ -411,7 +459,7 @@ void FileDataHandlerMD::PassCalledRead(ReadHolder& holder, int worker) {
         in_flight.erase(found);
     }
     pair.stride = stride;
-    if (pair.sequence.empty()) {
+    if (pair.sequence.empty() && !pair.aggregated) {
         pair.Aggregate();
     }
     if (reverse_sequence) {

@@ -26,8 +26,17 @@
 #include "async_caller/read_pair.h"
 #include "data_api/analysis_data.h"
 #include "data_api/attribute_map.h"
+#include "data_api/data_table.h"
 
 namespace AsyncCaller {
+
+// One 3-mer label per block of a 1D call, in strand-1 orientation (reversed and complemented for
+// `second_strand`), from its "Move" data set and the text of its "Fastq" data set. False (logged at
+// info) when the two disagree; damaged data that fails a look-up throws.
+bool LabelsFromMoves(const std::vector<std::uint8_t>& moves, const std::string& fastq, bool second_strand,
+                     std::vector<std::int32_t>& labels);
+// The same from the "model_state" field of an "Events" table; every failure throws.
+void LabelsFromEvents(const DataAPI::DataTable& table, bool second_strand, std::vector<std::int32_t>& labels);
 
 class FileDataHandlerMD : public FileDataHandler {
 public:
@@ -80,13 +89,6 @@ public:
     static constexpr std::uint64_t kMaxLoaded = 100;
 
 private:
-    // Labels from the "Move" and "Fastq" data sets; false (logged) when the two disagree. Lookups
-    // that fail throw.
-    bool labelsFromMoves(DataAPI::AnalysisData& analysis, const DataAPI::NamePath& moves,
-                         const DataAPI::NamePath& fastq, PriorReadInfo& info, bool second_strand);
-    void labelsFromEvents(DataAPI::AnalysisData& analysis, const DataAPI::NamePath& events, PriorReadInfo& info,
-                          bool second_strand);
-
     std::list<ReadPair> pending;
     std::map<std::uint64_t, std::pair<ReadMeta, ReadMeta>> in_flight;
     std::list<std::unique_ptr<LoadedPair>> loaded;

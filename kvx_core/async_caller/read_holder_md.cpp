@@ -9,6 +9,7 @@ ReadHolderMD::ReadHolderMD(const ReadHolderMD& other)
     : ReadHolder(other),
       priorSamples(other.priorSamples),
       priorStep(other.priorStep),
+      aggregated(other.aggregated),
       read1(other.read1),
       read2(other.read2) {}
 
@@ -18,6 +19,7 @@ ReadHolderMD::ReadHolderMD(ReadHolderMD&& other) noexcept
       raw2(other.raw2),
       priorSamples(std::move(other.priorSamples)),
       priorStep(other.priorStep),
+      aggregated(other.aggregated),
       read1(std::move(other.read1)),
       read2(std::move(other.read2)) {
     other.raw1 = Common::VecView<float>();

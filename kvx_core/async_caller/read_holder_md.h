@@ -47,6 +47,10 @@ public:
     // strand-2 stretch.
     std::vector<std::uint64_t> priorSamples;
     std::uint64_t priorStep = 10;
+    // Set by Aggregate. The buffer joins a pair's chunks as soon as the last one is back, and the
+    // handler joins only a pair that was never joined (one that came back without chunks), so that a
+    // failed join is tried and logged once.
+    bool aggregated = false;
     ReadMeta read1;
     ReadMeta read2;
 };

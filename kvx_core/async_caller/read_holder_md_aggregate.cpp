@@ -37,6 +37,7 @@ std::vector<int> encodeBases(const std::string& bases, std::size_t from, std::si
 }  // namespace
 
 void ReadHolderMD::Aggregate() {
+    aggregated = true;
     sequence.clear();
     qualities.clear();
     mean_qscore = 0.0f;

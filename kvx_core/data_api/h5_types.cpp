@@ -104,6 +104,9 @@ herr_t vlenBufferSize(hid_t dataset, hid_t type, hid_t space, int rank, hsize_t&
     return 0;
 }
 
+// A format the layer cannot read keeps its type Unknown but, past the rank check, the element count
+// and size the file declares, so that callers can still say what the data set holds. Only a compound
+// with a member of another class is reset as a whole: its fields would describe a different record.
 DataFormat formatOf(hid_t dataset, hid_t type, hid_t space) {
     DataFormat format;
     hsize_t dims[H5S_MAX_RANK] = {};
@@ -117,7 +120,7 @@ DataFormat formatOf(hid_t dataset, hid_t type, hid_t space) {
     if (cls == H5T_STRING) {
         if (H5Tis_variable_str(type) > 0) {
             hsize_t size = 0;
-            if (format.count >= 2 || vlenBufferSize(dataset, type, space, rank, size) < 0) return DataFormat();
+            if (format.count >= 2 || vlenBufferSize(dataset, type, space, rank, size) < 0) return format;
             format.type = DataType::String;
             format.item_size = size;
             format.count = 1;
@@ -125,14 +128,12 @@ DataFormat formatOf(hid_t dataset, hid_t type, hid_t space) {
             format.type = DataType::String;
         } else if (rank == 1) {
             format.type = DataType::FixedString;
-        } else {
-            return DataFormat();
         }
         return format;
     }
     if (cls == H5T_INTEGER || cls == H5T_FLOAT) {
         format.type = numericType(cls, format.item_size, H5Tget_sign(type) == H5T_SGN_2);
-        if (format.type == DataType::Unknown) return DataFormat();
+        if (format.type == DataType::Unknown) return format;
         if (rank == 2) {
             format.rows = dims[0];
             format.cols = dims[1];
@@ -140,7 +141,7 @@ DataFormat formatOf(hid_t dataset, hid_t type, hid_t space) {
         return format;
     }
     if (cls == H5T_COMPOUND) {
-        if (rank != 1) return DataFormat();
+        if (rank != 1) return format;
         format.type = DataType::Table;
         const int members = H5Tget_nmembers(type);
         std::uint64_t record_size = 0;
@@ -169,7 +170,7 @@ DataFormat formatOf(hid_t dataset, hid_t type, hid_t space) {
         format.item_size = PaddedRecordSize(record_size);
         return format;
     }
-    return DataFormat();
+    return format;
 }
 
 }  // namespace

@@ -112,11 +112,14 @@ int homopolymerDwellCorrection(const Common::VecView<int>& states, const std::ve
             oldSum += moves[a + static_cast<std::size_t>(j)];
         }
         KVX_LOG(trace) << "Would like to distribute " << wanted;
-        // Sweeps leave the run's first event alone: its move was settled above. When every other event
-        // has reached its limit the sweep ends and the difference is dropped.
+        // Sweeps leave only the read's first event alone, whose move of 1 was settled above; the first
+        // event of any other run is swept like the rest, since a long step into a short run can be as
+        // wrong as the run itself. When every event has reached its limit the sweep ends and the
+        // difference is dropped.
+        const std::size_t firstSwept = a == 0 ? 1 : 0;
         while (current < wanted) {
             bool changed = false;
-            for (int j = 1; j < runLength && current < wanted; ++j) {
+            for (int j = static_cast<int>(firstSwept); j < runLength && current < wanted; ++j) {
                 if (newMoves[j] < newCap) {
                     ++newMoves[j];
                     ++current;
@@ -129,7 +132,7 @@ int homopolymerDwellCorrection(const Common::VecView<int>& states, const std::ve
         }
         while (current > wanted) {
             bool changed = false;
-            for (int j = runLength - 1; j > 0 && current > wanted; --j) {
+            for (int j = runLength - 1; j >= static_cast<int>(firstSwept) && current > wanted; --j) {
                 if (newMoves[j] > 0) {
                     --newMoves[j];
                     --current;

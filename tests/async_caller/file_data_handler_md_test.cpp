@@ -83,6 +83,17 @@ std::string failure(const ReadRecipe& recipe) {
     return l.log.size() == 1 ? l.log[0] : "<" + std::to_string(l.log.size()) + " lines>";
 }
 
+// The text of what `f` throws, or "<no exception>".
+template <typename F>
+std::string thrown(F&& f) {
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "<no exception>";
+}
+
 template <typename Done>
 bool eventually(Done done, int seconds = 10) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -200,6 +211,48 @@ TEST(PairLoading, EachFailureIsLoggedWithItsText) {
     }
 }
 
+TEST(PairLoading, DamagedSegmentationOrStrideRefusesTheRead) {
+    // 50 samples, 3 blocks of 10 from sample 0: every value below is refused before it can size an
+    // allocation or a copy.
+    const std::string prefix = "Exception thrown extracting 1d read data: ";
+    struct Case {
+        std::int64_t first_sample, duration, stride;  // duration 0: 30; stride -1: no "block_stride"
+        std::string text;
+    };
+    const Case cases[] = {
+        {-3000, 0, 10, prefix + "Attribute 'first_sample_template' is out of range: -3000 is not in [0, 50]."},
+        {40, 0, 10, prefix + "Attribute 'duration_template' is out of range: 30 is not in [0, 10]."},
+        {0, -5, -1, prefix + "Attribute 'duration_template' is out of range: -5 is not in [0, 50]."},
+        {0, 0, 1000000000000, prefix + "Attribute 'block_stride' is out of range: 1e+12 is not in [0, 30]."},
+        {0, 0, 20, "1d basecall of 3 blocks of 20 samples does not fit the segmented signal of 30 samples."},
+        {0, 2, -1, "1d basecall of 3 blocks of 0 samples does not fit the segmented signal of 2 samples."},
+    };
+    for (const Case& c : cases) {
+        ReadRecipe recipe = simpleRecipe("ACGTACGT", {1, 2, 1});
+        recipe.first_sample = c.first_sample;
+        recipe.duration_template = c.duration;
+        recipe.block_stride = c.stride >= 0;
+        recipe.block_stride_value = c.stride;
+        EXPECT_EQ(failure(recipe), c.text);
+    }
+    // The last block may end past the segmentation: 3 blocks of 10 over 21 samples load.
+    ReadRecipe partial = simpleRecipe("ACGTACGT", {1, 2, 1});
+    partial.duration_template = 21;
+    EXPECT_TRUE(loadLabels(partial, false).ok);
+
+    std::vector<std::int32_t> labels;
+    EXPECT_EQ(thrown([&] { AsyncCaller::LabelsFromMoves({}, "@r\nAC\n+\n!!\n", false, labels); }),
+              "Move dataset is empty.");
+    DataAPI::DataTable events;
+    events.AddField("model_state", DataAPI::DataType::FixedString, 5);
+    events.Resize(0);
+    EXPECT_EQ(thrown([&] { AsyncCaller::LabelsFromEvents(events, true, labels); }),
+              "Events dataset is empty.");
+    Handler h;
+    EXPECT_EQ(thrown([&] { FileDataHandlerMD(0, h.aligner, 1, nullptr, 0); }),
+              "The model's stride must be at least 1.");
+}
+
 TEST(PairLoading, InvalidFastqRecord) {
     // A Fastq data set without a second line.
     const std::string path = newFile("fastq");
@@ -306,6 +359,12 @@ TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     ReadHolderMD second;
     ASSERT_TRUE(h->GetRead(0, second, 1));
     EXPECT_NE(second.GetReadIndex(), holder.GetReadIndex());
+    // Its chunks fail to join when the last one is back; passing it on does not try (and log) again.
+    second.chunks.push_back(std::make_unique<AsyncCaller::ChunkDataMD>());
+    second.Aggregate();
+    h->PassCalledRead(second, 1);
+    EXPECT_EQ(log.Count("Chunk aggregation failed for read pair ('p1_1', 'p1_2')."), 1u);
+    EXPECT_EQ(h->Processor().Count(), 2u);
     second.SetPriority(1);
     try {
         h->PassCalledRead(second, 1);
@@ -335,7 +394,17 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
             // A pair called with different block strides.
             ReadRecipe one, two;
             TestSupport::pairSpecs("strides", TestSupport::randomBases(60, random), random, one, two);
-            two.block_stride_value = 12;
+            two.block_stride_value = 9;
+            TestSupport::writeRead(source, one);
+            TestSupport::writeRead(source, two);
+        }
+        {
+            // A pair whose strand-1 segmentation ends 5 samples into its last block, at the end of the
+            // signal: the aligned stretch runs past the signal.
+            ReadRecipe one, two;
+            TestSupport::pairSpecs("outside", TestSupport::randomBases(60, random), random, one, two);
+            one.duration_template = static_cast<std::int64_t>(one.moves.size() * 10 - 5);
+            one.first_sample = static_cast<std::int64_t>(one.samples.size()) - one.duration_template;
             TestSupport::writeRead(source, one);
             TestSupport::writeRead(source, two);
         }
@@ -351,12 +420,13 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
     TestSupport::LogCapture log;
     h->SubmitFilePair({path, path, "nocall_1", "nocall_2"});
     h->SubmitFilePair({path, path, "strides_1", "strides_2"});
+    h->SubmitFilePair({path, path, "outside_1", "outside_2"});
     h->SubmitFilePair({path, path, "tiny_1", "tiny_2"});
     h->SubmitFilePair({path, path, "missing_1", "nocall_1"});
     h->NoMoreData();
-    // The last pair is looked at after the two good ones are queued: wait for its line too.
+    // The last pair is looked at after the good ones are queued: wait for its line too.
     ASSERT_TRUE(eventually([&] {
-        return h->LoadedCount() == 2 && h->PendingCount() == 0 && log.Count("Error loading read pair") == 1;
+        return h->LoadedCount() == 3 && h->PendingCount() == 0 && log.Count("Error loading read pair") == 1;
     }));
     EXPECT_EQ(log.Count("Missing information about 1d basecall in read file."), 1u);
     EXPECT_EQ(log.Count("Could not load read pair (nocall_1, nocall_2)."), 1u);
@@ -369,8 +439,13 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
     EXPECT_EQ(h->Processor().Count(), 0u);  // no summary row for it
 
     EXPECT_FALSE(h->GetRead(0, holder, 0));
-    EXPECT_EQ(log.Count("did not produce a usable prior alignment."), 1u);
+    EXPECT_EQ(log.Count("\" outside_1, \""), 1u);
+    EXPECT_EQ(log.Count("has an aligned stretch outside its signal."), 1u);
     EXPECT_EQ(h->Processor().Count(), 1u);  // a summary row, and no sequence
+
+    EXPECT_FALSE(h->GetRead(0, holder, 0));
+    EXPECT_EQ(log.Count("did not produce a usable prior alignment."), 1u);
+    EXPECT_EQ(h->Processor().Count(), 2u);
     EXPECT_TRUE(eventually([&] { return !h->IsActive(); }));
 }
 

@@ -49,8 +49,9 @@ inline ScratchDir& Scratch() {
 struct ReadRecipe {
     std::string id;
     std::vector<std::int16_t> samples;
-    std::uint64_t first_sample = 0;
-    std::uint64_t duration_template = 0;  // 0: 10 samples per block
+    // Signed, so that damaged files can be written too.
+    std::int64_t first_sample = 0;
+    std::int64_t duration_template = 0;  // 0: 10 samples per block
     std::vector<std::uint8_t> moves;
     std::string sequence;                 // the Fastq record's bases
     bool segmentation = true;
@@ -58,7 +59,7 @@ struct ReadRecipe {
     bool move = true;
     bool fastq = true;
     bool block_stride = true;             // write "block_stride" = 10
-    std::uint64_t block_stride_value = 10;
+    std::int64_t block_stride_value = 10;
     std::vector<std::string> model_states;  // non-empty: write an "Events" table of these
     boost::any channel_number = std::string("12");
     std::uint64_t start_time = 4000;
@@ -96,10 +97,10 @@ inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadRecipe& reci
         auto seg = read->CreateAnalysis("Segmentation", {});
         seg->SetSummary(DataAPI::ReturnStatus::Successful,
                         {{"segmentation",
-                          {{"first_sample_template", static_cast<unsigned long>(recipe.first_sample)},
+                          {{"first_sample_template", static_cast<long>(recipe.first_sample)},
                            {"duration_template",
-                            static_cast<unsigned long>(recipe.duration_template ? recipe.duration_template
-                                                                              : blocks * 10)}}}});
+                            static_cast<long>(recipe.duration_template ? recipe.duration_template
+                                                                      : static_cast<std::int64_t>(blocks * 10))}}}});
     }
     if (!recipe.basecall) {
         return;
@@ -127,7 +128,7 @@ inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadRecipe& reci
     }
     DataAPI::AttributeMap tmpl = {{"mean_qscore", 10.0f}};
     if (recipe.block_stride) {
-        tmpl["block_stride"] = static_cast<int>(recipe.block_stride_value);
+        tmpl["block_stride"] = static_cast<long>(recipe.block_stride_value);
     }
     analysis->SetSummary(DataAPI::ReturnStatus::Successful, {{"basecall_1d_template", tmpl}});
 }

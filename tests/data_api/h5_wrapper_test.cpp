@@ -59,6 +59,11 @@ TEST(H5Wrapper, FormatsOfDataSetsFromAnotherWriter) {
 
     EXPECT_EQ(file.OpenDataset("cube")->Format().type, DataType::Unknown);
     EXPECT_EQ(file.OpenDataset("nested_table")->Format().type, DataType::Unknown);
+    // An element kind the layer cannot read still tells how many elements of what size there are.
+    const DataFormat half = file.OpenDataset("half_floats")->Format();
+    EXPECT_EQ(half.type, DataType::Unknown);
+    EXPECT_EQ(half.count, 5u);
+    EXPECT_EQ(half.item_size, 2u);
 
     const DataFormat fixed = file.OpenDataset("fixed_strings")->Format();
     EXPECT_EQ(fixed.type, DataType::FixedString);

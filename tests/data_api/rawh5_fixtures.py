@@ -210,6 +210,7 @@ def make_types(path):
         f.create_dataset("fixed_scalar", data=np.bytes_(b"hello\0\0"))
         f.create_dataset("text", data="variable text", dtype=h5py.string_dtype())
         f.create_dataset("odd_ints", data=np.zeros(4, dtype=np.int16))
+        f.create_dataset("half_floats", data=np.zeros(5, dtype=np.float16))
         nested = np.dtype([("a", "<i4"), ("b", [("c", "<f8")])])
         f.create_dataset("nested_table", data=np.zeros(2, dtype=nested))
         f.create_dataset("events", data=events_table(5))

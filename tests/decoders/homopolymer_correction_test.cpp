@@ -55,6 +55,12 @@ TEST(HomopolymerDwellCorrection, CapsAndShortfall) {
     EXPECT_EQ(many, (std::vector<signed char>{1, 1, 1, 2, 1, 0}));
     EXPECT_EQ(fewer, -6);
 
+    // Mean dwell (12 / 3 + 10) / 2 = 7; the TTT run of 2 samples wants no base. Its first event is
+    // not the read's first, so the backward sweep takes both of its old bases too.
+    std::vector<signed char> entered{1, 2, 0};
+    EXPECT_EQ(correct({ACG, TTT, TTT}, std::vector<unsigned long>{10, 1, 1}, entered), -2);
+    EXPECT_EQ(entered, (std::vector<signed char>{1, 0, 0}));
+
     // No homopolymer, no change; a run that ends at the next different state is a separate run.
     std::vector<signed char> plain{1, 1, 1};
     EXPECT_EQ(correct({ACG, CGT, TTA}, std::vector<unsigned long>{1, 1, 1}, plain), 0);
