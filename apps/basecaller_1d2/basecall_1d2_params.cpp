@@ -29,6 +29,11 @@ void Basecall1D2Params::InitOptions() {
               override_scaling, Flag);
     AddOption("scaling_med", "Median current value to use for manual scaling.", scaling_med, CmdLine);
     AddOption("scaling_mad", "Median absolute deviation to use for manual scaling.", scaling_mad, CmdLine);
+    AddOption("resume",
+              "Carry on with a run that was stopped: with the same index, input and save path, skip every pair "
+              "that already has a row in sequencing_summary.txt, repair a FASTQ file or summary cut by the stop, "
+              "and append to the outputs.",
+              resume, Flag);
     AddIgnoredOption("ipc_threads");
 }
 

@@ -35,6 +35,7 @@ public:
     bool override_scaling = false;
     float scaling_med = 0.0f;
     float scaling_mad = 0.0f;
+    bool resume = false;
 
     // Set by main when --port selects the basecall service; no option.
     bool use_service = false;

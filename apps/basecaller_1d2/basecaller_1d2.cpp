@@ -1,5 +1,6 @@
 #include "basecaller_1d2.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <stdexcept>
@@ -8,6 +9,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include "async_caller/buffered_caller.h"
+#include "async_caller/output_resume.h"
 #include "async_caller/prior_aligner.h"
 #include "async_caller/summary_values.h"
 #include "async_caller/trim_in_fastq_out.h"
@@ -15,6 +17,7 @@
 #include "common/logger.h"
 #include "decoders/mismatch_table.h"
 #include "pair_list.h"
+#include "stop_signal.h"
 #include "telemetry/telemetry_aggregator.h"
 #include "version.h"
 
@@ -87,11 +90,23 @@ void Basecaller1D2::Setup() {
     summary_path = (boost::filesystem::path(save_path) / "sequencing_summary.txt").string();
     summary_columns = AsyncCaller::PairSummaryColumns();
 
+    // The outputs of an earlier run are either taken up (--resume) or never overwritten unasked.
+    AsyncCaller::ResumeReport resumed;
+    if (resume) {
+        resumed = AsyncCaller::RepairOutputs(save_path, summary_path, summary_columns);
+    } else if (const std::uint64_t rows = AsyncCaller::CountSummaryRows(summary_path)) {
+        throw std::runtime_error("The save path '" + save_path + "' already holds the outputs of a run (" +
+                                 std::to_string(rows) +
+                                 " pairs in sequencing_summary.txt). Add --resume to call only the pairs it lacks, "
+                                 "or choose another save path to start again.");
+    }
+
     TelemetryAggregator* const run_telemetry = telemetry.get();
     post_processor = std::make_unique<AsyncCaller::TrimInFastqOut>(
         save_path, records_per_fastq, num_callers, scaling_med, scaling_mad, summary_path, summary_columns, "none",
         !override_scaling, min_qscore, qscore_filtering,
-        [run_telemetry](const AsyncCaller::ReadHolder& read) { run_telemetry->AddCalledRead(read); });
+        [run_telemetry](const AsyncCaller::ReadHolder& read) { run_telemetry->AddCalledRead(read); },
+        AsyncCaller::TrimSettings(), resume);
 
     const PairAlignment::MismatchMatrix mismatch = PairAlignment::LoadMismatchMatrix(score_matrix);
     const AsyncCaller::PriorAligner aligner(mismatch.View(), gap_penalty, start_end_penalty,
@@ -108,6 +123,18 @@ void Basecaller1D2::Setup() {
         });
 
     GetFileList();
+    if (resume) {
+        const std::size_t listed = pairs.size();
+        pairs.erase(std::remove_if(pairs.begin(), pairs.end(),
+                                   [&](const AsyncCaller::ReadPair& p) {
+                                       return resumed.done.count({p.read_id1, p.read_id2}) != 0;
+                                   }),
+                    pairs.end());
+        KVX_LOG(message) << "Resuming the run in " << save_path << ": " << listed - pairs.size() << " of " << listed
+                         << " pairs already have a summary row and are skipped; " << resumed.records_removed
+                         << " cut or unmatched FASTQ records and " << resumed.rows_removed
+                         << " cut summary rows were removed.";
+    }
     for (const auto& pair : pairs) {
         data_handler->SubmitFilePair(pair);
     }
@@ -131,6 +158,11 @@ void Basecaller1D2::Run() {
     parallel_caller = std::make_unique<AsyncCaller::ParallelCaller>(data_handler.get(), this, callers);
     std::uint64_t seen = 0;
     while (parallel_caller->IsRunning()) {
+        if (stopped_by == 0 && (stopped_by = StopSignal()) != 0) {
+            data_handler->Stop();
+            KVX_LOG(message) << "Signal " << stopped_by << " received: no new pair is started; the pairs being called "
+                             << "are finished. A second signal ends the program at once.";
+        }
         const std::uint64_t done = data_handler->ReadsDone();
         if (done > seen) {
             if (progress) {
@@ -154,6 +186,11 @@ void Basecaller1D2::Run() {
     KVX_LOG(message) << "Caller time: " << ms << " ms, Events: " << events
                      << ", kev/s: " << static_cast<float>(events) / static_cast<float>(ms);
 
+    if (stopped_by != 0) {
+        KVX_LOG(message) << "Run stopped: " << data_handler->ReadsDone() << " pairs done, "
+                         << data_handler->PairsLeft()
+                         << " left. Run again with the same options and --resume to call the rest.";
+    }
     telemetry->Finish();
 }
 

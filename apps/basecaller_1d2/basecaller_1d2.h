@@ -47,8 +47,11 @@ public:
     // Fills `pairs` from the index (the pair list reports its candidates to the telemetry).
     void GetFileList();
     // Calls every pair, showing progress unless quiet, and logs the speed. Rethrows any failure of
-    // the pipeline's threads.
+    // the pipeline's threads. When StopSignal() turns non-zero it stops taking pairs, lets the pairs
+    // in the callers finish and returns as usual.
     void Run();
+    // The signal that stopped the run early, or 0 for a run that called every pair.
+    int StoppedBy() const { return stopped_by; }
 
 private:
     std::string summary_path;
@@ -61,6 +64,7 @@ private:
     std::unique_ptr<AsyncCaller::ParallelCaller> parallel_caller;
     std::unique_ptr<boost::timer::progress_display> progress;
     std::int64_t start_time_ms = 0;
+    int stopped_by = 0;
 };
 
 }  // namespace Marlo

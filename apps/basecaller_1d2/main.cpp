@@ -17,6 +17,7 @@
 #include "common/logger.h"
 #include "common/logger_group.h"
 #include "run_header.h"
+#include "stop_signal.h"
 
 namespace fs = boost::filesystem;
 using Common::Parameters;
@@ -114,10 +115,19 @@ int runMain(int argc, char** argv) {
     // The inner guard: a failure of the run is logged, now that logging exists. The driver is gone
     // (unwound) before anything is logged about it.
     try {
+        int stopped_by = 0;
         {
+            Marlo::InstallStopHandlers();
             Marlo::Basecaller1D2 caller(params);
             caller.Setup();
             caller.Run();
+            stopped_by = caller.StoppedBy();
+        }
+        if (stopped_by != 0) {
+            // Neither 0 nor -1: a scheduler or script must tell a stopped run (to be resumed) from a
+            // finished and from a failed one. 128 + the signal is what a shell reports for it.
+            KVX_LOG(message) << "Basecalling stopped before the end.";
+            return 128 + stopped_by;
         }
         KVX_LOG(message) << "Basecalling completed successfully.";
         return 0;

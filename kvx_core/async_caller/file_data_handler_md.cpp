@@ -118,6 +118,15 @@ void FileDataHandlerMD::SubmitFilePair(const ReadPair& pair) {
     pending.push_back(pair);
 }
 
+void FileDataHandlerMD::Stop() {
+    std::lock_guard<std::mutex> lock(queue_mutex);
+    no_more_data = true;
+    stopped = true;
+    pairs_left += pending.size() + loaded.size();
+    pending.clear();
+    loaded.clear();
+}
+
 bool FileDataHandlerMD::loadRead() {
     ReadPair pair;
     {
@@ -153,6 +162,10 @@ bool FileDataHandlerMD::loadRead() {
             telemetry(m.sampling_rate, read1->Metadata(), m.duration, m.start_time);
         }
         std::lock_guard<std::mutex> lock(queue_mutex);
+        if (stopped) {
+            ++pairs_left;  // loaded while the run was being stopped
+            return true;
+        }
         loaded.push_back(std::move(entry));
     } catch (const std::exception& e) {
         KVX_LOG(info) << "Error loading read pair (" << pair.read_id1 << ", " << pair.read_id2 << "): " << e.what();

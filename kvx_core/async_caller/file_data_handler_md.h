@@ -79,6 +79,10 @@ public:
 
     // Queues a pair for loading; after NoMoreData it throws.
     void SubmitFilePair(const ReadPair& pair);
+    // Ends the run early: pairs not yet taken by a caller are dropped and counted in PairsLeft, so
+    // that only the pairs now in the callers finish. Implies NoMoreData.
+    void Stop();
+    std::uint64_t PairsLeft() const { return pairs_left; }
     // Pairs loaded and waiting for GetRead.
     std::uint64_t LoadedCount();
 
@@ -97,6 +101,8 @@ private:
     std::atomic<std::uint64_t> events_done{0};
     std::atomic<std::uint64_t> reads_done{0};
     std::atomic<bool> no_more_data{false};
+    std::atomic<bool> stopped{false};
+    std::atomic<std::uint64_t> pairs_left{0};
     std::mutex queue_mutex;  // pending, loaded
     std::mutex map_mutex;    // in_flight
     TelemetryReport telemetry;

@@ -10,35 +10,49 @@
 
 namespace AsyncCaller {
 
-SummaryFile::SummaryFile(const std::string& path, const std::vector<std::string>& columns_)
-    : columns(columns_), stream(path, std::ios::out | std::ios::trunc) {
+SummaryFile::SummaryFile(const std::string& path, const std::vector<std::string>& columns_, bool append)
+    : columns(columns_), stream(path, append ? std::ios::out | std::ios::app : std::ios::out | std::ios::trunc) {
     if (!stream.is_open()) {
         throw std::runtime_error("Could not open summary file '" + path + "' for writing.");
     }
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        stream << columns[i] << (i + 1 < columns.size() ? '\t' : '\n');
+    // An appended file already has its header, unless the earlier run died before writing it.
+    stream.seekp(0, std::ios::end);
+    if (!append || stream.tellp() == std::streampos(0)) {
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            stream << columns[i] << (i + 1 < columns.size() ? '\t' : '\n');
+        }
     }
     stream.flush();
 }
 
 void SummaryFile::WriteRow(const ReadHolder& holder) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::string row;
     for (std::size_t i = 0; i < columns.size(); ++i) {
         const Common::ValueFormatter formatter;  // the summary's settings
-        stream << GetSummaryValue(holder, columns[i], formatter) << (i + 1 < columns.size() ? '\t' : '\n');
+        row += GetSummaryValue(holder, columns[i], formatter);
+        row += i + 1 < columns.size() ? '\t' : '\n';
     }
+    // Whole rows, written through as each pair finishes (after its FASTQ record): a stopped run
+    // keeps every row, and a row on disk always means its record is complete.
+    std::lock_guard<std::mutex> lock(mutex);
+    stream << row;
+    stream.flush();
 }
 
 TrimInFastqOut::TrimInFastqOut(const std::string& save_path, std::uint64_t records_per_fastq, std::size_t workers,
                                float scaling_med_, float scaling_mad_, const std::string& summary_path,
                                const std::vector<std::string>& summary_columns, const std::string& trim_strategy_,
                                bool auto_scale_, float min_qscore_, bool qscore_filtering,
-                               CalledReadReport telemetry_, const TrimSettings& trim)
+                               CalledReadReport telemetry_, const TrimSettings& trim, bool resume)
     : DataTrimmer(scaling_med_, scaling_mad_, auto_scale_, trim_strategy_, trim),
       writer(std::make_unique<Common::FastqWriter>(save_path, records_per_fastq, workers, qscore_filtering)),
-      summary(std::make_unique<SummaryFile>(summary_path, summary_columns)),
+      summary(std::make_unique<SummaryFile>(summary_path, summary_columns, resume)),
       min_qscore(min_qscore_),
-      telemetry(std::move(telemetry_)) {}
+      telemetry(std::move(telemetry_)) {
+    if (resume) {
+        writer->ContinueExisting();
+    }
+}
 
 TrimInFastqOut::~TrimInFastqOut() = default;
 

@@ -23,10 +23,11 @@ namespace AsyncCaller {
 // The tab-separated summary: a header line of the column names, then one row per read.
 class SummaryFile {
 public:
-    // Opens `path` for writing, truncating it, writes the header and flushes. Throws "Could not open
-    // summary file '<path>' for writing." when the file cannot be opened.
-    SummaryFile(const std::string& path, const std::vector<std::string>& columns);
-    // Appends the holder's row, without flushing.
+    // Opens `path` for writing, truncating it, writes the header and flushes. With `append` the
+    // rows of an earlier run stay and the header is written only into an empty file. Throws "Could
+    // not open summary file '<path>' for writing." when the file cannot be opened.
+    SummaryFile(const std::string& path, const std::vector<std::string>& columns, bool append = false);
+    // Appends the holder's row and flushes it.
     void WriteRow(const ReadHolder& holder);
     const std::vector<std::string>& Columns() const { return columns; }
 
@@ -44,11 +45,13 @@ public:
     // A processor that can only scale: PostProcess throws.
     TrimInFastqOut() = default;
     // Builds the FASTQ writer (one file set per worker) and opens the summary, writing its header.
+    // With `resume`, both carry on from the (repaired) outputs of an earlier run in the save path.
     TrimInFastqOut(const std::string& save_path, std::uint64_t records_per_fastq, std::size_t workers,
                    float scaling_med, float scaling_mad, const std::string& summary_path,
                    const std::vector<std::string>& summary_columns, const std::string& trim_strategy,
                    bool auto_scale, float min_qscore, bool qscore_filtering,
-                   CalledReadReport telemetry = CalledReadReport(), const TrimSettings& trim = TrimSettings());
+                   CalledReadReport telemetry = CalledReadReport(), const TrimSettings& trim = TrimSettings(),
+                   bool resume = false);
     ~TrimInFastqOut() override;
 
     // Sets passes_filtering (min_qscore <= mean_qscore), writes the FASTQ record if the sequence is

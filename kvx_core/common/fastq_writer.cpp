@@ -63,8 +63,11 @@ void FastqWriter::Write(std::size_t worker, const FastQRecord& record, const std
     if (entry == files.handles.end() || (records_per_fastq != 0 && entry->second.records >= records_per_fastq)) {
         entry = startNewFile(files, run_id, key, entry, folder);
     }
-    // Plain buffered output: the stream reaches the disk when its buffer fills or the file closes.
+    // Written through, record by record, rather than left in the stream's buffer: a run that is
+    // stopped or killed keeps every record it finished, and the summary row that follows can be
+    // trusted to mean a complete record. One write per called pair costs nothing next to the call.
     *entry->second.stream << record.ToString();
+    entry->second.stream->flush();
     ++entry->second.records;
 }
 
@@ -79,6 +82,15 @@ FastqWriter::HandleMap::iterator FastqWriter::startNewFile(WorkerFiles& files, c
     } else {
         entry->second.stream.reset();  // closes the full file
     }
+    // A resumed run first fills up the last file an earlier run left for this key and run id, once.
+    const auto last = continued.find(file_key);
+    if (last != continued.end()) {
+        const fs::path path = fs::path(folder) / FileName(run_id, last->second.number);
+        entry->second.stream = std::make_unique<std::ofstream>(path.string(), std::ios::out | std::ios::app);
+        entry->second.records = last->second.records;
+        continued.erase(last);
+        return entry;
+    }
     const fs::path path = fs::path(folder) / FileName(run_id, next_number);
     if (fs::exists(path)) {
         KVX_LOG(info) << "The output file '" << path.string() << "' will be overwitten.";
@@ -88,6 +100,63 @@ FastqWriter::HandleMap::iterator FastqWriter::startNewFile(WorkerFiles& files, c
     entry->second.records = 0;
     ++next_number;
     return entry;
+}
+
+void FastqWriter::ContinueExisting() {
+    std::lock_guard<std::mutex> lock(counts_mutex);
+    for (const bool passes : {true, false}) {
+        const std::string key = Key(passes, false);
+        fs::path folder(save_path);
+        if (qscore_filtering) {
+            folder /= passes ? "pass" : "fail";
+        }
+        if (!fs::is_directory(folder)) {
+            continue;
+        }
+        for (const fs::directory_entry& item : fs::directory_iterator(folder)) {
+            std::string run_id;
+            std::uint64_t number = 0;
+            if (!ParseFileName(item.path().filename().string(), run_id, number)) {
+                continue;
+            }
+            const FileKey file_key(key, run_id);
+            std::uint64_t& next_number = file_counts[file_key];
+            if (number + 1 <= next_number) {
+                continue;
+            }
+            next_number = number + 1;
+            // Files hold whole records only once a resumed run has repaired them: four lines each.
+            std::ifstream in(item.path().string());
+            std::uint64_t lines = 0;
+            for (std::string line; std::getline(in, line);) {
+                ++lines;
+            }
+            const std::uint64_t records = lines / 4;
+            if (records_per_fastq == 0 || records < records_per_fastq) {
+                continued[file_key] = {number, records};
+            } else {
+                continued.erase(file_key);
+            }
+        }
+    }
+}
+
+bool FastqWriter::ParseFileName(const std::string& name, std::string& run_id, std::uint64_t& number) {
+    static const std::string prefix = "fastq_runid_";
+    static const std::string suffix = ".fastq";
+    if (name.size() <= prefix.size() + suffix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        return false;
+    }
+    const std::string middle = name.substr(prefix.size(), name.size() - prefix.size() - suffix.size());
+    const std::size_t cut = middle.rfind('_');
+    if (cut == std::string::npos || cut + 1 == middle.size() ||
+        middle.find_first_not_of("0123456789", cut + 1) != std::string::npos || middle.size() - cut > 20) {
+        return false;
+    }
+    run_id = middle.substr(0, cut);
+    number = std::stoull(middle.substr(cut + 1));
+    return true;
 }
 
 void FastqWriter::Finalize(std::size_t worker) {

@@ -59,8 +59,16 @@ public:
     // Closes all of this worker's files; its later writes throw.
     void Finalize(std::size_t worker);
 
+    // Takes up the files an earlier run left in this writer's folders: numbering goes on after the
+    // highest number of each key and run id, and the first file a worker opens for a key and run id
+    // is that highest-numbered file, appended to, when it has room. The files must hold whole records
+    // (a resumed run repairs them first). Call before any Write.
+    void ContinueExisting();
+
     // "fastq_runid_<run_id>_<number>.fastq"
     static std::string FileName(const std::string& run_id, std::uint64_t number);
+    // The reverse of FileName; false for any other name.
+    static bool ParseFileName(const std::string& name, std::string& run_id, std::uint64_t& number);
 
 private:
     struct WorkerFiles {
@@ -77,6 +85,12 @@ private:
 
     std::vector<std::unique_ptr<WorkerFiles>> workers;
     std::map<FileKey, std::uint64_t> file_counts;  // next file number, shared by all workers
+    // Last file of an earlier run with room left, per key and run id: its number and its records.
+    struct Continued {
+        std::uint64_t number = 0;
+        std::uint64_t records = 0;
+    };
+    std::map<FileKey, Continued> continued;
     std::mutex counts_mutex;
     std::string save_path;
     std::uint64_t records_per_fastq;

@@ -41,7 +41,7 @@ TEST(Basecall1D2Params, OwnOptionsFollowTheFamilyOnesWithTheirSources) {
         {"threshold1", 'B'}, {"threshold2", 'B'}, {"band_size", 'B'}, {"pa_band_size", 'B'},
         {"gap_penalty", 'B'}, {"start_end_penalty", 'B'}, {"reverse_sequence", 'B'}, {"u_substitution", 'B'},
         {"input_path", 'B'}, {"index_file", 'R'}, {"save_path", 'R'}, {"port", 'L'}, {"recursive", 'S'},
-        {"override_scaling", 'S'}, {"scaling_med", 'L'}, {"scaling_mad", 'L'},
+        {"override_scaling", 'S'}, {"scaling_med", 'L'}, {"scaling_mad", 'L'}, {"resume", 'S'},
     };
     Basecall1D2Params params;
     Parse(params, With({}));
