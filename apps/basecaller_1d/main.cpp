@@ -11,6 +11,7 @@
 #include "common/logger.h"
 #include "common/logger_group.h"
 #include "single_strand_run.h"
+#include "common/stop_signals.h"
 
 namespace po = boost::program_options;
 using namespace TestBed;
@@ -55,7 +56,13 @@ int main(int argc, char** argv) {
             "  Analyses/Basecall_1D_NNN   BaseCalled_template/Move, BaseCalled_template/Fastq,\n"
             "                             Summary/basecall_1d_template: block_stride\n"
             "NNN is the next free index; running again adds newer analyses, which are the ones read later.\n"
-            "The files are modified in place.\n"
+            "\n"
+            "A read file is never written where it lies: each is copied to a hidden temporary file beside\n"
+            "it (.NAME.rawh5.partial-PID), annotated there and renamed over the original once complete, so a\n"
+            "stop at any moment leaves every read file whole. With --output_path the annotated copies go\n"
+            "to that folder instead (same subfolders, same names) and the input is only read; give the\n"
+            "pair caller that folder as its --input_path. Temporary files of a killed run are removed\n"
+            "by the next run.\n"
             "\n"
             "In the save path it writes:\n"
             "  index_1d.tsv       the index for pairing (the pair caller's --index_file): filename, read_id,\n"
@@ -69,13 +76,22 @@ int main(int argc, char** argv) {
             "skipping the leader, --adapter_samples long. Signal is scaled to picoamperes and normalised by\n"
             "the median and MAD of the whole read before the network runs.\n"
             "\n"
-            "Exit status: 0 when every read was annotated, 2 when some reads failed (listed), 1 on an\n"
-            "error that stopped the run.\n"
+            "Outputs reach the disk as each read file is finished. SIGINT or SIGTERM stops the run after\n"
+            "the reads in hand, with their files in place and their outputs written (a second signal ends\n"
+            "it at once); --resume with the same input and save path then finishes it.\n"
+            "\n"
+            "Exit status: 0 when every read was annotated, 2 when some reads failed (listed), 130 or 143\n"
+            "when stopped by SIGINT or SIGTERM with reads left, 1 on an error that stopped the run.\n"
             "\nOptions");
         desc.add_options()("help,h", "show this help")(
             "input_path,i", po::value(&opt.input_path)->required(), "directory of .rawh5 read files")(
             "recursive,r", po::bool_switch(&opt.recursive), "also look in subdirectories of the input path")(
             "save_path,s", po::value(&opt.save_path)->required(), "directory for the index, FASTQ and logs (created)")(
+            "output_path", po::value(&opt.output_path),
+            "write the annotated read files to this directory (created) and leave the input files as they are")(
+            "resume", po::bool_switch(&opt.resume),
+            "finish a stopped run: keep the outputs in the save path, repair a last record cut short, and call "
+            "only the reads they lack (reads listed as failed are not tried again)")(
             "model_file,m", po::value(&opt.model_file)->default_value(defaultModel),
             "raw network model (JSON, either dialect)")(
             "workers,t", po::value(&opt.workers)->default_value(2), "calling threads")(
@@ -111,12 +127,23 @@ int main(int argc, char** argv) {
 
         boost::filesystem::create_directories(opt.save_path);
         Common::logging::LoggerGroup logs(logOptions(opt.save_path, vm.count("verbose") > 0));
+        Common::StopSignals::Install();
+        opt.stop = &Common::StopSignals::Received();
         SingleStrandRun run(opt);
         const auto summary = run.Run();
         std::cout << "Annotated " << summary.annotated << " of " << summary.reads << " reads (" << summary.bases
-                  << " bases) in " << summary.seconds << " s; index " << opt.save_path << "/"
-                  << SingleStrandRun::kIndexName << ", calls " << opt.save_path << "/" << SingleStrandRun::kFastqName
-                  << std::endl;
+                  << " bases) in " << summary.seconds << " s";
+        if (summary.skipped > 0) {
+            std::cout << "; " << summary.skipped << " done before";
+        }
+        if (summary.left > 0) {
+            std::cout << "; " << summary.left << " left";
+        }
+        std::cout << "; index " << opt.save_path << "/" << SingleStrandRun::kIndexName << ", calls " << opt.save_path
+                  << "/" << SingleStrandRun::kFastqName << std::endl;
+        if (summary.stopped_by != 0) {
+            return 128 + summary.stopped_by;
+        }
         if (summary.failed > 0) {
             std::cerr << summary.failed << " reads failed; they are listed in " << opt.save_path << "/"
                       << SingleStrandRun::kFailedName << std::endl;

@@ -146,6 +146,8 @@ std::string IndexHeader() {
     return header + "\n";
 }
 
+std::string FailedReadsHeader() { return "filename\tread_id\treason\n"; }
+
 std::string IndexRow(const ReadInfo& info, const StrandCall& call) {
     const double rate = info.sampling_rate;
     const std::uint64_t stride = call.block_stride > 0 ? call.block_stride : 1;

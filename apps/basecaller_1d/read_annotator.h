@@ -63,4 +63,7 @@ std::string IndexHeader();
 // One row, newline included; `info.filename` must be set.
 std::string IndexRow(const ReadInfo& info, const StrandCall& call);
 
+// The header of the failed-reads file (filename, read_id, reason), newline included.
+std::string FailedReadsHeader();
+
 }  // namespace TestBed

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
@@ -16,11 +17,13 @@
 
 #include <boost/filesystem.hpp>
 
+#include "annotated_copy.h"
 #include "basecall_nn/nn_caller_cblas.h"
 #include "basecall_nn/nn_loader.h"
 #include "common/logger.h"
 #include "data_api/h5_object.h"
 #include "data_api/rawh5_read_source.h"
+#include "previous_run.h"
 
 namespace TestBed {
 
@@ -45,8 +48,13 @@ struct Result {
     std::string error;  // empty on success
 };
 
-// What one read adds to the outputs, kept until every earlier read has been written.
+constexpr std::size_t kNoFile = static_cast<std::size_t>(-1);
+
+// What one read adds to the outputs, kept until every earlier read has been written and its file is
+// in place.
 struct Output {
+    std::size_t file = kNoFile;  // the plan it belongs to
+    std::string read_id;
     std::string index_row;
     std::string fastq;
     std::string failure;  // a line of the failed-reads file
@@ -57,6 +65,10 @@ std::string tabFree(std::string text) {
     std::replace(text.begin(), text.end(), '\t', ' ');
     std::replace(text.begin(), text.end(), '\n', ' ');
     return text;
+}
+
+std::string signalName(int signal) {
+    return signal == SIGINT ? "SIGINT" : signal == SIGTERM ? "SIGTERM" : "signal " + std::to_string(signal);
 }
 
 std::string failureLine(const std::string& file, const std::string& read_id, const std::string& reason) {
@@ -139,12 +151,22 @@ void workerLoop(StrandCaller& caller, Exchange& exchange) {
     }
 }
 
+// One read file as the run sees it before it starts.
+struct FilePlan {
+    std::string path;           // as found under the input path
+    std::string name;           // file name without directories, as the index names it
+    std::string destination;    // where the annotated file goes: the file itself, or under output_path
+    std::string copy_from;      // what the annotated copy starts from
+    std::vector<std::string> todo;  // read ids to call, in file order
+    std::string open_error;     // set when the file could not be opened
+};
+
 struct OpenFile {
-    std::string path;
+    // Declared first so that it goes last: the copy is removed only after every handle on it closed.
+    std::unique_ptr<AnnotatedCopy> copy;
     std::string name;
     std::unique_ptr<DataAPI::Rawh5::ReadSource> source;
-    std::vector<std::string> ids;
-    std::size_t next = 0;          // next read id to load
+    std::size_t next = 0;          // next read of the plan's todo list to load
     std::size_t outstanding = 0;   // loaded and not yet written back
     std::map<std::string, std::shared_ptr<DataAPI::ReadData>> reads;
 };
@@ -222,6 +244,21 @@ SingleStrandSummary SingleStrandRun::Run() {
     using DataAPI::H5Wrapper::H5Mode;
     const auto started = std::chrono::steady_clock::now();
     SingleStrandSummary summary;
+    const fs::path save(options.save_path);
+    const std::string indexPath = (save / kIndexName).string();
+    const std::string fastqPath = (save / kFastqName).string();
+    const std::string failedPath = (save / kFailedName).string();
+
+    // An earlier run's index is never overwritten unasked: it may be hours of work.
+    if (!options.resume) {
+        const std::uint64_t rows = CountIndexRows(indexPath);
+        if (rows > 0) {
+            throw std::runtime_error("The save path \"" + options.save_path + "\" already holds an index of " +
+                                     std::to_string(rows) +
+                                     " reads from an earlier run; add --resume to finish it, or choose another "
+                                     "save path.");
+        }
+    }
 
     // The model first: a wrong model file should stop the run before any file is touched.
     BasecallNN::NNLoader loader(options.model_file);
@@ -242,34 +279,90 @@ SingleStrandSummary SingleStrandRun::Run() {
     }
 
     const auto files = ListReadFiles(options.input_path, options.recursive);
-    fs::create_directories(options.save_path);
-    const auto openOutput = [&](const char* name) {
-        const std::string path = (fs::path(options.save_path) / name).string();
-        auto stream = std::make_unique<std::ofstream>(path, std::ios::trunc);
+    fs::create_directories(save);
+    PreviousRun previous;
+    if (options.resume) {
+        previous = RepairPreviousRun(indexPath, fastqPath, failedPath);
+        KVX_LOG(message) << "Resuming the run in " << options.save_path << ": " << previous.annotated
+                         << " reads annotated and " << previous.failed << " failed before"
+                         << (previous.dropped > 0 ? "; " + std::to_string(previous.dropped) +
+                                                        " incomplete rows, records or lines removed"
+                                                  : std::string());
+    }
+    const std::string target = options.output_path.empty() ? options.input_path : options.output_path;
+    const std::size_t leftovers = RemoveLeftoverCopies(target, options.recursive);
+    if (leftovers > 0) {
+        KVX_LOG(message) << "Removed " << leftovers << " unfinished copies of read files left by a stopped run";
+    }
+
+    const auto openOutput = [&](const std::string& path, const std::string& header) {
+        // Appending when resuming; a file the repair left empty has lost its header with the rest.
+        const bool append = options.resume && fs::exists(path) && fs::file_size(path) > 0;
+        auto stream = std::make_unique<std::ofstream>(path, append ? std::ios::app : std::ios::trunc);
         if (!*stream) {
             throw std::runtime_error("Could not open \"" + path + "\" for writing.");
         }
+        if (!append) {
+            *stream << header << std::flush;
+        }
         return stream;
     };
-    auto index = openOutput(kIndexName);
-    auto fastq = openOutput(kFastqName);
-    auto failed = openOutput(kFailedName);
-    *index << IndexHeader();
-    *failed << "filename\tread_id\treason\n";
+    auto index = openOutput(indexPath, IndexHeader());
+    auto fastq = openOutput(fastqPath, "");
+    auto failed = openOutput(failedPath, FailedReadsHeader());
 
-    // A first look at every file, read-only, for the total the progress line counts towards.
+    // A first look at every file, read-only: which reads are left to call, and the total the progress
+    // line counts towards.
+    std::vector<FilePlan> plans;
+    std::uint64_t toCall = 0;
     for (const auto& path : files) {
+        FilePlan plan;
+        plan.path = path;
+        plan.name = fs::path(path).filename().string();
+        plan.destination = options.output_path.empty()
+                               ? path
+                               : (fs::path(options.output_path) / fs::relative(path, options.input_path)).string();
+        std::vector<std::string> ids;
         try {
             DataAPI::Rawh5::ReadSource source(path, H5Mode::ReadOnly);
-            summary.reads += source.GetReadIds().size();
-        } catch (const std::exception&) {
-            // Reported when the file is opened for annotation.
+            ids = source.GetReadIds();
+        } catch (const std::exception& e) {
+            if (previous.failed_files.count(plan.name) > 0) {
+                ++summary.files_skipped;  // listed as unreadable by the earlier run already
+                continue;
+            }
+            plan.open_error = e.what();
+            ++summary.files;
+            plans.push_back(std::move(plan));
+            continue;
         }
+        ++summary.files;
+        summary.reads += ids.size();
+        for (auto& id : ids) {
+            if (previous.done_reads.count(id) > 0) {
+                ++summary.skipped;
+            } else {
+                plan.todo.push_back(std::move(id));
+            }
+        }
+        if (plan.todo.empty()) {
+            summary.files_skipped += ids.empty() ? 0 : 1;
+            continue;
+        }
+        toCall += plan.todo.size();
+        // A file that an earlier run finished in part goes on from its annotated copy.
+        const bool partlyDone = plan.todo.size() < ids.size();
+        plan.copy_from = partlyDone && fs::exists(plan.destination) ? plan.destination : plan.path;
+        plans.push_back(std::move(plan));
     }
     if (options.max_reads > 0) {
-        summary.reads = std::min(summary.reads, options.max_reads);
+        toCall = std::min(toCall, options.max_reads);
     }
-    KVX_LOG(message) << "Annotating " << summary.reads << " reads in " << files.size() << " files under "
+    if (options.resume) {
+        KVX_LOG(message) << "Skipping " << summary.files_skipped << " files and " << summary.skipped
+                         << " reads that the earlier run finished";
+    }
+    KVX_LOG(message) << "Annotating " << toCall << " reads in " << plans.size() << " files under "
                      << options.input_path << " with " << options.workers << " workers and model "
                      << options.model_file;
 
@@ -294,6 +387,8 @@ SingleStrandSummary SingleStrandRun::Run() {
 
     const AnnotationSource source{options.model_file, kVersion};
     std::map<std::size_t, OpenFile> open;
+    std::vector<std::size_t> reached(plans.size(), 0);  // reads of each plan loaded (or given up)
+    std::vector<char> settled(plans.size(), 0);         // put in place, or failed as a whole
     std::size_t nextFile = 0;
     std::size_t loadingFile = 0;
     bool loading = false;  // whether open[loadingFile] still has reads to load
@@ -302,38 +397,84 @@ SingleStrandSummary SingleStrandRun::Run() {
     std::uint64_t loadedReads = 0;
     std::uint64_t done = 0;
     std::map<std::uint64_t, Output> outputs;
-    Progress progress(options.progress, summary.reads);
+    Progress progress(options.progress, toCall);
     const std::size_t queueLimit = 2 * static_cast<std::size_t>(options.workers);
+    const auto stopSignal = [&]() { return options.stop ? options.stop->load() : 0; };
 
-    const auto closeIfDone = [&](std::size_t f) {
-        auto it = open.find(f);
-        if (it != open.end() && it->second.outstanding == 0 && !(loading && loadingFile == f)) {
-            it->second.reads.clear();
-            it->second.source->Close();
-            open.erase(it);
+    const auto failAll = [&](std::size_t f, const std::string& reason) {
+        for (auto& entry : outputs) {
+            Output& out = entry.second;
+            if (out.file == f && out.failure.empty()) {
+                out.failure = failureLine(plans[f].name, out.read_id, reason);
+                out.index_row.clear();
+                out.fastq.clear();
+            }
         }
     };
-    const auto fail = [&](const std::string& file, const std::string& read_id, const std::string& reason) {
-        KVX_LOG(warning) << "Read " << read_id << " of " << file << " failed: " << reason;
+    // Once every read loaded from a file is written back (and no more are to be loaded), the copy is
+    // closed and put in place; only then may the file's outputs be written.
+    const auto closeIfDone = [&](std::size_t f) {
+        auto it = open.find(f);
+        if (it == open.end() || it->second.outstanding != 0 || (loading && loadingFile == f)) {
+            return;
+        }
+        OpenFile& file = it->second;
+        file.reads.clear();
+        file.source->Close();
+        try {
+            file.copy->Commit();
+            KVX_LOG(info) << "Saved " << file.copy->Destination() << " with " << reached[f] << " reads annotated";
+        } catch (const std::exception& e) {
+            KVX_LOG(warning) << "Could not save the annotated copy of " << plans[f].path << ": " << e.what();
+            failAll(f, std::string("Could not save the annotated file: ") + e.what());
+        }
+        settled[f] = 1;
+        open.erase(it);
+    };
+    const auto fail = [&](std::size_t f, const std::string& read_id, const std::string& reason) {
+        KVX_LOG(warning) << "Read " << read_id << " of " << plans[f].name << " failed: " << reason;
         Output out;
-        out.failure = failureLine(file, read_id, reason);
+        out.file = f;
+        out.read_id = read_id;
+        out.failure = failureLine(plans[f].name, read_id, reason);
         outputs[nextSequence++] = std::move(out);
     };
+    // Writes out, in input order, what is finished and in place: the FASTQ records first, then the
+    // index rows, each flushed, so that a row never stands for a record that is not complete.
     const auto flush = [&] {
+        std::string records, rows, failures;
         for (auto it = outputs.find(nextOutput); it != outputs.end(); it = outputs.find(nextOutput)) {
             const Output& out = it->second;
+            if (out.file != kNoFile && !settled[out.file]) {
+                break;
+            }
             if (out.failure.empty()) {
-                *index << out.index_row;
-                *fastq << out.fastq;
+                rows += out.index_row;
+                records += out.fastq;
                 ++summary.annotated;
                 summary.bases += out.bases;
             } else {
-                *failed << out.failure;
+                failures += out.failure;
                 ++summary.failed;
             }
             ++done;
             outputs.erase(it);
             ++nextOutput;
+        }
+        for (const auto& part : {std::make_pair(fastq.get(), &records), std::make_pair(index.get(), &rows),
+                                 std::make_pair(failed.get(), &failures)}) {
+            if (!part.second->empty()) {
+                *part.first << *part.second << std::flush;
+            }
+        }
+        if (!*index || !*fastq || !*failed) {
+            throw std::runtime_error("Writing the outputs under \"" + options.save_path + "\" failed.");
+        }
+    };
+    const auto stopLoading = [&] {
+        if (loading) {
+            loading = false;
+            closeIfDone(loadingFile);
         }
     };
 
@@ -341,40 +482,55 @@ SingleStrandSummary SingleStrandRun::Run() {
     const auto loadNext = [&]() -> bool {
         while (true) {
             if (options.max_reads > 0 && loadedReads >= options.max_reads) {
-                if (loading) {
-                    loading = false;
-                    closeIfDone(loadingFile);
-                }
+                stopLoading();
                 return false;
             }
             if (!loading) {
-                if (nextFile >= files.size()) {
+                if (nextFile >= plans.size()) {
                     return false;
                 }
                 const std::size_t f = nextFile++;
-                OpenFile file;
-                file.path = files[f];
-                file.name = fs::path(file.path).filename().string();
-                try {
-                    file.source = std::make_unique<DataAPI::Rawh5::ReadSource>(file.path, H5Mode::ReadWrite);
-                    file.ids = file.source->GetReadIds();
-                } catch (const std::exception& e) {
+                const FilePlan& plan = plans[f];
+                // A file that cannot be opened fails as a whole, with one line.
+                const auto giveUp = [&](const std::string& reason) {
                     ++loadedReads;
-                    fail(file.name, "*", std::string("Could not open the read file: ") + e.what());
+                    reached[f] = plan.todo.size();
+                    settled[f] = 1;
+                    fail(f, "*", reason);
+                };
+                if (!plan.open_error.empty()) {
+                    giveUp("Could not open the read file: " + plan.open_error);
                     continue;
                 }
-                KVX_LOG(info) << "Opened " << file.path << " with " << file.ids.size() << " reads";
+                OpenFile file;
+                file.name = plan.name;
+                try {
+                    file.copy = std::make_unique<AnnotatedCopy>(plan.copy_from, plan.destination);
+                } catch (const std::exception& e) {
+                    giveUp(std::string("Could not copy the read file: ") + e.what());
+                    continue;
+                }
+                try {
+                    file.source =
+                        std::make_unique<DataAPI::Rawh5::ReadSource>(file.copy->TemporaryPath(), H5Mode::ReadWrite);
+                } catch (const std::exception& e) {
+                    giveUp(std::string("Could not open the read file: ") + e.what());
+                    continue;
+                }
+                KVX_LOG(info) << "Opened a copy of " << plan.copy_from << " with " << plan.todo.size()
+                              << " reads to call";
                 open[f] = std::move(file);
                 loadingFile = f;
                 loading = true;
             }
             OpenFile& file = open[loadingFile];
-            if (file.next >= file.ids.size()) {
-                loading = false;
-                closeIfDone(loadingFile);
+            const auto& todo = plans[loadingFile].todo;
+            if (file.next >= todo.size()) {
+                stopLoading();
                 continue;
             }
-            const std::string id = file.ids[file.next++];
+            const std::string id = todo[file.next++];
+            reached[loadingFile] = file.next;
             ++loadedReads;
             try {
                 auto read = file.source->GetRead(id);
@@ -394,7 +550,7 @@ SingleStrandSummary SingleStrandRun::Run() {
                 ++file.outstanding;
                 exchange.PushJob(std::move(job));
             } catch (const std::exception& e) {
-                fail(file.name, id, std::string("Could not load the read: ") + e.what());
+                fail(loadingFile, id, std::string("Could not load the read: ") + e.what());
             }
             return true;
         }
@@ -403,7 +559,9 @@ SingleStrandSummary SingleStrandRun::Run() {
     const auto writeBack = [&](Result& result) {
         OpenFile& file = open.at(result.file);
         Output out;
+        out.file = result.file;
         const std::string& id = result.info.read_id;
+        out.read_id = id;
         if (result.error.empty()) {
             try {
                 const std::string record = FastqRecordText(result.info, result.call);
@@ -430,6 +588,12 @@ SingleStrandSummary SingleStrandRun::Run() {
 
     bool more = true;
     while (true) {
+        if (more && stopSignal() != 0) {
+            KVX_LOG(warning) << "Stopping on " << signalName(stopSignal())
+                             << ": finishing the reads in hand (a second signal ends the program at once)";
+            more = false;
+            stopLoading();
+        }
         while (more && exchange.QueuedJobs() < queueLimit) {
             more = loadNext();
         }
@@ -448,21 +612,25 @@ SingleStrandSummary SingleStrandRun::Run() {
     }
     flush();
     progress.Finish(done, summary.failed, summary.bases);
-    for (auto& entry : open) {
-        entry.second.reads.clear();
-        entry.second.source->Close();
-    }
-    open.clear();
 
-    index->flush();
-    fastq->flush();
-    failed->flush();
-    if (!*index || !*fastq || !*failed) {
-        throw std::runtime_error("Writing the outputs under \"" + options.save_path + "\" failed.");
+    for (std::size_t f = 0; f < plans.size(); ++f) {
+        const std::size_t left = plans[f].todo.size() - reached[f];
+        summary.left += left;
+        summary.files_left += left > 0 ? 1 : 0;
+        summary.files_done += left == 0 && settled[f] ? 1 : 0;
     }
     summary.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     KVX_LOG(message) << "Annotated " << summary.annotated << " reads (" << summary.bases << " bases), " << summary.failed
                      << " failed, in " << summary.seconds << " s";
+    if (summary.left > 0 && stopSignal() != 0) {
+        summary.stopped_by = stopSignal();
+        KVX_LOG(warning) << "Stopped by " << signalName(summary.stopped_by) << ": " << summary.files_done
+                         << " files done, " << summary.files_left << " files (" << summary.left
+                         << " reads) left. Everything done is saved; run again with --resume to finish.";
+    } else if (summary.left > 0) {
+        KVX_LOG(message) << summary.left << " reads in " << summary.files_left
+                         << " files were not reached (max_reads); --resume goes on with them";
+    }
     return summary;
 }
 

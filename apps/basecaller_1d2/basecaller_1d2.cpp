@@ -17,7 +17,7 @@
 #include "common/logger.h"
 #include "decoders/mismatch_table.h"
 #include "pair_list.h"
-#include "stop_signal.h"
+#include "common/stop_signals.h"
 #include "telemetry/telemetry_aggregator.h"
 #include "version.h"
 
@@ -158,7 +158,7 @@ void Basecaller1D2::Run() {
     parallel_caller = std::make_unique<AsyncCaller::ParallelCaller>(data_handler.get(), this, callers);
     std::uint64_t seen = 0;
     while (parallel_caller->IsRunning()) {
-        if (stopped_by == 0 && (stopped_by = StopSignal()) != 0) {
+        if (stopped_by == 0 && (stopped_by = Common::StopSignals::Received().load()) != 0) {
             data_handler->Stop();
             KVX_LOG(message) << "Signal " << stopped_by << " received: no new pair is started; the pairs being called "
                              << "are finished. A second signal ends the program at once.";

@@ -47,8 +47,8 @@ public:
     // Fills `pairs` from the index (the pair list reports its candidates to the telemetry).
     void GetFileList();
     // Calls every pair, showing progress unless quiet, and logs the speed. Rethrows any failure of
-    // the pipeline's threads. When StopSignal() turns non-zero it stops taking pairs, lets the pairs
-    // in the callers finish and returns as usual.
+    // the pipeline's threads. After a stop signal (Common::StopSignals) it starts no new pair, lets
+    // the pairs in the callers finish and returns as usual.
     void Run();
     // The signal that stopped the run early, or 0 for a run that called every pair.
     int StoppedBy() const { return stopped_by; }

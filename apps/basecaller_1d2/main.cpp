@@ -17,7 +17,7 @@
 #include "common/logger.h"
 #include "common/logger_group.h"
 #include "run_header.h"
-#include "stop_signal.h"
+#include "common/stop_signals.h"
 
 namespace fs = boost::filesystem;
 using Common::Parameters;
@@ -117,7 +117,7 @@ int runMain(int argc, char** argv) {
     try {
         int stopped_by = 0;
         {
-            Marlo::InstallStopHandlers();
+            Common::StopSignals::Install();
             Marlo::Basecaller1D2 caller(params);
             caller.Setup();
             caller.Run();
