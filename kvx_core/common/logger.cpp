@@ -3,6 +3,7 @@
 #include <istream>
 #include <stdexcept>
 
+#include <boost/log/attributes/attribute_value_impl.hpp>
 #include <boost/log/attributes/constant.hpp>
 #include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core/core.hpp>
@@ -49,15 +50,37 @@ BOOST_LOG_GLOBAL_LOGGER_INIT(BoostLoggerWrapper, BoostLogger) {
     // With no sink registered, Boost.Log would print through its default console sink. Records are to
     // go nowhere until a LoggerGroup exists, so the core starts closed; the group opens it.
     boost::log::core::get()->set_filter([](const boost::log::attribute_value_set&) { return false; });
-    return BoostLogger(boost::log::keywords::channel = std::string(kDefaultChannel));
+    return BoostLogger();
 }
 
 namespace detail {
 
+namespace {
+thread_local const char* t_openingChannel = nullptr;
+
+class RecordChannelImpl : public boost::log::attribute::impl {
+public:
+    // Asked for while the record is being opened (by the filters, and when its values are fixed
+    // before it is handed back), on the opening thread: the value is the record's own, never shared.
+    boost::log::attribute_value get_value() override {
+        return boost::log::attributes::make_attribute_value(
+            std::string(t_openingChannel ? t_openingChannel : kDefaultChannel));
+    }
+};
+}  // namespace
+
+OpeningChannel::OpeningChannel(const char* channel) : m_previous(t_openingChannel) {
+    t_openingChannel = channel;
+}
+
+OpeningChannel::~OpeningChannel() { t_openingChannel = m_previous; }
+
+boost::log::attribute MakeRecordChannelAttribute() { return boost::log::attribute(new RecordChannelImpl()); }
+
 RecordPump::RecordPump(attributes::SeverityLevel level, const char* channel, const char* function) {
     auto& logger = BoostLoggerWrapper::get();
-    m_record = logger.open_record(
-        (boost::log::keywords::severity = level, boost::log::keywords::channel = std::string(channel)));
+    m_record =
+        logger.open_record((boost::log::keywords::severity = level, boost::log::keywords::channel = channel));
     if (m_record) {
         m_record.attribute_values().insert(
             "Function", boost::log::attributes::make_constant(std::string(function)).get_value());

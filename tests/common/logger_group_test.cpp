@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 #include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/filesystem.hpp>
@@ -162,6 +165,60 @@ TEST(LoggerGroup, VerboseLogsTakeVerboseAndAboveWithChannels) {
     }
     EXPECT_EQ(verbose.find("trace core"), std::string::npos);
     EXPECT_EQ(verbose.find("trace foo"), std::string::npos);
+}
+
+static std::string WithNestedRecord(const std::string& text) {
+    KVX_LOG_CH(trace, "bar") << "nested";
+    return text;
+}
+
+// The channel belongs to the record: records opened at once on several threads, and one opened while
+// another's text is being streamed, each print the channel they were opened on. In the sanitizer
+// build this is also the logger's own race check.
+TEST(LoggerGroup, EveryRecordKeepsItsOwnChannel) {
+    TempDir dir;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const std::vector<std::string> channels = {"foo", "bar", "baz", "qux"};
+    constexpr int kPerThread = 200;
+    {
+        LoggerGroup group(MarloOptions(dir, true, false, "foo,bar,baz,qux"));
+        std::vector<std::thread> threads;
+        for (const auto& channel : channels) {
+            threads.emplace_back([&channel] {
+                for (int i = 0; i < kPerThread; ++i) {
+                    KVX_LOG_CH(trace, channel.c_str()) << "from " << channel;
+                    KVX_LOG(message) << "from core";
+                }
+            });
+        }
+        for (auto& thread : threads) {
+            thread.join();
+        }
+        KVX_LOG_CH(trace, "foo") << "outer " << WithNestedRecord("foo");
+    }
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+
+    std::map<std::string, int> lines_per_channel;
+    std::istringstream verbose(dir.FileStartingWith("verbose_test_log-"));
+    const std::regex line("\\S+ \\S+ \\[marlo/(\\w+)\\] \\{trace\\} \\S+: (from (\\w+)|outer (\\w+)|nested)");
+    std::smatch m;
+    for (std::string text; std::getline(verbose, text);) {
+        ASSERT_TRUE(std::regex_match(text, m, line)) << text;
+        const std::string expected = m[3].matched ? m[3].str() : m[4].matched ? m[4].str() : "bar";
+        EXPECT_EQ(m[1].str(), expected) << text;
+        ++lines_per_channel[m[1].str()];
+    }
+    const std::map<std::string, int> expected_lines = {
+        {"foo", kPerThread + 1}, {"bar", kPerThread + 1}, {"baz", kPerThread}, {"qux", kPerThread}};
+    EXPECT_EQ(lines_per_channel, expected_lines);
+    std::istringstream core(dir.FileStartingWith("core_test_log-"));
+    int core_lines = 0;
+    for (std::string text; std::getline(core, text); ++core_lines) {
+        EXPECT_NE(text.find(" [marlo/core] from core"), std::string::npos) << text;
+    }
+    EXPECT_EQ(core_lines, kPerThread * static_cast<int>(channels.size()));
 }
 
 TEST(LoggerGroup, DefaultBuiltOptionsAndSinkUpdates) {
