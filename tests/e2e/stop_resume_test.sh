@@ -14,7 +14,7 @@ WORK=$(mktemp -d /tmp/kvx_resume.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
 SEED=${KVX_RESUME_SEED:-$RANDOM}
 RANDOM=$SEED
-STOPS=${2:-"term:$((3 + RANDOM % 8)) kill:$((3 + RANDOM % 8))"}
+STOPS=${2:-"term:$((1 + RANDOM % 5)) kill:$((1 + RANDOM % 5))"}
 echo "seed $SEED, stops: $STOPS"
 
 "$BIN/read_simulator" --output "$WORK/data" --seed 7 --molecules 12 --min_length 2000 --max_length 4000 \
