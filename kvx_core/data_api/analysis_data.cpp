@@ -31,6 +31,7 @@ ReturnStatus ParseReturnStatus(const std::string& text) {
 }
 
 std::string DataSet::ReadString() {
+    if (format.type == DataType::String) CheckReadSize(name, 1, format.item_size);
     std::string text;
     DataView view = DataView::OfString(text);
     ReadData(view);
@@ -38,6 +39,7 @@ std::string DataSet::ReadString() {
 }
 
 DataTable DataSet::ReadTable() {
+    CheckReadSize(name, format.count, format.item_size);
     DataTable table = DataTable::FromFormat(format);
     DataView view = table.View();
     ReadData(view);

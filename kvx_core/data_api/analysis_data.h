@@ -54,7 +54,9 @@ public:
     // (e.g. std::uint8_t for a "Move" data set).
     template <typename T>
     std::vector<T> ReadVector() {
-        std::vector<T> values(format.type == DataTypeOf<T>::value ? format.count : 0);
+        const bool matches = format.type == DataTypeOf<T>::value;
+        if (matches) CheckReadSize(name, format.count, sizeof(T));
+        std::vector<T> values(matches ? format.count : 0);
         DataView view = DataView::Of(values.data(), values.size());
         view.format.rows = format.rows;
         view.format.cols = format.cols;

@@ -1,6 +1,15 @@
 #include "data_api/data_view.h"
 
+#include <stdexcept>
+
 namespace DataAPI {
+
+void CheckReadSize(const std::string& name, std::uint64_t count, std::uint64_t item_size) {
+    // Compared by division, so that a damaged extent cannot overflow the product.
+    if (item_size != 0 && count > kMaxReadBytes / item_size)
+        throw std::runtime_error("Data set '" + name + "' is too large to read: " + std::to_string(count) +
+                                 " elements of " + std::to_string(item_size) + " bytes.");
+}
 
 std::uint64_t NaturalSize(DataType type) {
     switch (type) {

@@ -60,6 +60,16 @@ struct DataFormat {
     bool operator!=(const DataFormat& o) const { return !(*this == o); }
 };
 
+// Largest data set, in bytes of memory, that the reading helpers bring in at once. A read file
+// holds nothing near this size (a raw signal of 2^29 samples is more than a day of sequencing);
+// a larger extent comes from a damaged header, and allocating it would exhaust the memory of the
+// whole run before the read could fail on its own.
+constexpr std::uint64_t kMaxReadBytes = std::uint64_t(1) << 30;
+
+// Throws "Data set '<name>' is too large to read: <count> elements of <item_size> bytes." when
+// they would take more than kMaxReadBytes.
+void CheckReadSize(const std::string& name, std::uint64_t count, std::uint64_t item_size);
+
 // Compile-time mapping from a C++ element type to its DataType.
 template <typename T>
 struct DataTypeOf;

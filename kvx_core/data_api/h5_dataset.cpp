@@ -26,25 +26,24 @@ namespace {
 herr_t readString(hid_t dataset, DataView& view) {
     if (view.format.type != DataType::String || view.string == nullptr)
         throw std::runtime_error("Data does not view string data.");
-    hid_t type = H5Dget_type(dataset);
-    if (type < 0) return -1;
+    detail::Handle type(H5Dget_type(dataset), H5Tclose);
+    if (!type.valid()) return -1;
     herr_t status;
     std::string text;
-    if (H5Tis_variable_str(type) > 0) {
+    if (H5Tis_variable_str(type.get()) > 0) {
         char* pointer = nullptr;
-        status = H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, &pointer);
+        status = H5Dread(dataset, type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, &pointer);
         if (status >= 0 && pointer) text = pointer;
-        if (status >= 0) {
-            hid_t space = H5Dget_space(dataset);
-            H5Dvlen_reclaim(type, space, H5P_DEFAULT, &pointer);
-            H5Sclose(space);
+        // The text is ours to give back, also when the read failed after making it.
+        if (pointer) {
+            detail::Handle space(H5Dget_space(dataset), H5Sclose);
+            H5Dvlen_reclaim(type.get(), space.get(), H5P_DEFAULT, &pointer);
         }
     } else {
-        std::vector<char> buffer(H5Tget_size(type) + 1, '\0');
-        status = H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, buffer.data());
+        std::vector<char> buffer(H5Tget_size(type.get()) + 1, '\0');
+        status = H5Dread(dataset, type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, buffer.data());
         if (status >= 0) text.assign(buffer.data(), buffer.size() - 1);
     }
-    H5Tclose(type);
     const std::size_t zero = text.find('\0');
     if (zero != std::string::npos) text.resize(zero);
     *view.string = text;
@@ -62,14 +61,12 @@ bool H5Dataset::Read(DataView& view) {
     std::lock_guard<std::mutex> lock(h5Mutex);
     if (format.type == DataType::String) return readString(id, view) >= 0;
 
-    hid_t type = -1;
-    hid_t space = -1;
-    detail::BuildTypeAndSpace(view.format, type, space);
-    herr_t status = -1;
-    if (type >= 0) status = H5Dread(id, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, view.data);
-    if (type >= 0) H5Tclose(type);
-    if (space >= 0) H5Sclose(space);
-    return status >= 0;
+    hid_t type_id = -1;
+    hid_t space_id = -1;
+    detail::BuildTypeAndSpace(view.format, type_id, space_id);
+    detail::Handle type(type_id, H5Tclose);
+    detail::Handle space(space_id, H5Sclose);
+    return type.valid() && H5Dread(id, type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, view.data) >= 0;
 }
 
 }  // namespace H5Wrapper

@@ -14,28 +14,42 @@ std::mutex h5Mutex;
 
 namespace {
 
+using detail::Handle;
+
 // Number of elements of an attribute's space, at least one. Attributes are treated as scalars,
 // but one stored as an array must not make the read overrun its buffer.
 std::size_t elementCount(hid_t attr) {
-    hid_t space = H5Aget_space(attr);
-    if (space < 0) return 1;
-    const hssize_t n = H5Sget_simple_extent_npoints(space);
-    H5Sclose(space);
+    Handle space(H5Aget_space(attr), H5Sclose);
+    if (!space.valid()) return 1;
+    const hssize_t n = H5Sget_simple_extent_npoints(space.get());
     return n > 1 ? static_cast<std::size_t>(n) : 1;
 }
+
+// The strings a variable-length read hands over are the caller's to free, whether the read
+// succeeded or stopped part of the way.
+struct VariableTexts {
+    explicit VariableTexts(std::size_t n) : texts(n, nullptr) {}
+    ~VariableTexts() {
+        for (char* p : texts)
+            if (p) H5free_memory(p);
+    }
+    std::vector<char*> texts;
+};
+
+// Whether n elements of `size` bytes fit the reading limit; a damaged space can claim any count.
+bool fits(std::size_t n, std::size_t size) { return size == 0 || n <= kMaxReadBytes / size; }
 
 boost::any readStringAttribute(hid_t attr, hid_t type) {
     const std::size_t n = elementCount(attr);
     if (H5Tis_variable_str(type) > 0) {
-        std::vector<char*> texts(n, nullptr);
-        if (H5Aread(attr, type, texts.data()) < 0)
+        if (!fits(n, sizeof(char*))) return std::string("Warning, could not read variable-length string attribute.");
+        VariableTexts read(n);
+        if (H5Aread(attr, type, read.texts.data()) < 0)
             return std::string("Warning, could not read variable-length string attribute.");
-        std::string value = texts[0] ? std::string(texts[0]) : std::string();
-        for (char* p : texts)
-            if (p) H5free_memory(p);
-        return value;
+        return read.texts[0] ? std::string(read.texts[0]) : std::string();
     }
     const std::size_t size = H5Tget_size(type);
+    if (!fits(n, size)) return std::string("Warning, could not read fixed-length string attribute.");
     std::vector<char> buffer(std::max<std::size_t>(size * n, 1), '\0');
     if (H5Aread(attr, type, buffer.data()) < 0)
         return std::string("Warning, could not read fixed-length string attribute.");
@@ -52,13 +66,14 @@ boost::any readNumericAttribute(hid_t attr, hid_t type, H5T_class_t cls) {
     try {
         const std::size_t size = H5Tget_size(type);
         const bool is_signed = !is_float && H5Tget_sign(type) == H5T_SGN_2;
-        hid_t native = H5Tget_native_type(type, H5T_DIR_ASCEND);
-        if (native < 0) return boost::any();
+        Handle native(H5Tget_native_type(type, H5T_DIR_ASCEND), H5Tclose);
+        if (!native.valid()) return boost::any();
         // The native type may be wider than the stored one (a 3-byte integer reads as 4 bytes).
-        const std::size_t width = std::max<std::size_t>({size, H5Tget_size(native), 8});
-        std::vector<unsigned char> buffer(width * elementCount(attr), 0);
-        H5Aread(attr, native, buffer.data());
-        H5Tclose(native);
+        const std::size_t width = std::max<std::size_t>({size, H5Tget_size(native.get()), 8});
+        const std::size_t n = elementCount(attr);
+        if (!fits(n, width)) throw std::runtime_error("attribute too large");  // becomes the warning below
+        std::vector<unsigned char> buffer(width * n, 0);
+        H5Aread(attr, native.get(), buffer.data());
         auto take = [&](auto sample) {
             std::memcpy(&sample, buffer.data(), sizeof(sample));
             return boost::any(sample);
@@ -103,34 +118,40 @@ AttributeMap H5Object::GetAttributes() {
     std::lock_guard<std::mutex> lock(h5Mutex);
     AttributeMap attributes;
     H5O_info_t info;
-    if (H5Oget_info(id, &info) < 0) return attributes;
+    if (H5Oget_info2(id, &info, H5O_INFO_NUM_ATTRS) < 0) return attributes;
 
     for (hsize_t index = 0; index < info.num_attrs; ++index) {
-        hid_t attr = H5Aopen_by_idx(id, ".", H5_INDEX_CRT_ORDER, H5_ITER_INC, index, H5P_DEFAULT, H5P_DEFAULT);
-        if (attr < 0) break;
-        hid_t type = H5Aget_type(attr);
-        if (type < 0) {
-            H5Aclose(attr);
-            break;
-        }
-        const ssize_t length = H5Aget_name(attr, 0, nullptr);
+        Handle attr(H5Aopen_by_idx(id, ".", H5_INDEX_CRT_ORDER, H5_ITER_INC, index, H5P_DEFAULT, H5P_DEFAULT),
+                    H5Aclose);
+        if (!attr.valid()) break;
+        Handle type(H5Aget_type(attr.get()), H5Tclose);
+        if (!type.valid()) break;
+        const ssize_t length = H5Aget_name(attr.get(), 0, nullptr);
         std::vector<char> name_buffer(length > 0 ? length + 1 : 1, '\0');
-        if (length > 0) H5Aget_name(attr, name_buffer.size(), name_buffer.data());
+        if (length > 0) H5Aget_name(attr.get(), name_buffer.size(), name_buffer.data());
         const std::string name(name_buffer.data());
 
-        const H5T_class_t cls = H5Tget_class(type);
+        const H5T_class_t cls = H5Tget_class(type.get());
         if (cls == H5T_STRING) {
-            attributes[name] = readStringAttribute(attr, type);
+            attributes[name] = readStringAttribute(attr.get(), type.get());
         } else if (cls == H5T_INTEGER || cls == H5T_FLOAT) {
             // A type without a native counterpart leaves the entry empty.
-            attributes[name] = readNumericAttribute(attr, type, cls);
+            attributes[name] = readNumericAttribute(attr.get(), type.get(), cls);
         } else {
             attributes[name] = std::string("Warning, attribute is of unsupported type.");
         }
-        H5Aclose(attr);
-        H5Tclose(type);
     }
     return attributes;
+}
+
+bool H5Object::Location(std::uint64_t& file, std::uint64_t& address) {
+    if (id < 0) return false;
+    std::lock_guard<std::mutex> lock(h5Mutex);
+    H5O_info_t info;
+    if (H5Oget_info2(id, &info, H5O_INFO_BASIC) < 0) return false;
+    file = info.fileno;
+    address = info.addr;
+    return true;
 }
 
 void H5Object::SetAttributes(const AttributeMap& attributes) {

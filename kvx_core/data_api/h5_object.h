@@ -40,6 +40,11 @@ public:
     void SetAttributes(const AttributeMap& attributes);
     void AddAttribute(const std::string& name, const boost::any& value);
 
+    // Where the object is stored: a number of its file and its address there. Handles of one
+    // object give the same pair whatever path or link opened them, which is what lets a walk
+    // notice a group it has already been through. False on a closed object or a library failure.
+    bool Location(std::uint64_t& file, std::uint64_t& address);
+
     bool IsOpen() const { return id >= 0; }
     std::int64_t Id() const { return id; }
     H5Mode Mode() const { return mode; }

@@ -98,10 +98,11 @@ DataType numericType(H5T_class_t cls, std::size_t size, bool is_signed) {
 herr_t vlenBufferSize(hid_t dataset, hid_t type, hid_t space, int rank, hsize_t& size) {
     if (rank > 0) return H5Dvlen_get_buf_size(dataset, type, space, &size);
     char* text = nullptr;
-    if (H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, &text) < 0) return -1;
+    const herr_t status = H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, &text);
     size = text ? std::strlen(text) + 1 : 0;
-    H5Dvlen_reclaim(type, space, H5P_DEFAULT, &text);
-    return 0;
+    // Given back on failure too: the read may fail after the text was made.
+    if (text) H5Dvlen_reclaim(type, space, H5P_DEFAULT, &text);
+    return status < 0 ? -1 : 0;
 }
 
 // A format the layer cannot read keeps its type Unknown but, past the rank check, the element count
@@ -147,14 +148,15 @@ DataFormat formatOf(hid_t dataset, hid_t type, hid_t space) {
         std::uint64_t record_size = 0;
         for (int m = 0; m < members; ++m) {
             const H5T_class_t mcls = H5Tget_member_class(type, m);
-            hid_t mtype = H5Tget_member_type(type, m);
-            if (mtype < 0) return DataFormat();
-            const std::size_t msize = H5Tget_size(mtype);
-            const bool msigned = H5Tget_sign(mtype) == H5T_SGN_2;
-            H5Tclose(mtype);
+            Handle mtype(H5Tget_member_type(type, m), H5Tclose);
+            if (!mtype.valid()) return DataFormat();
+            const std::size_t msize = H5Tget_size(mtype.get());
+            const bool msigned = H5Tget_sign(mtype.get()) == H5T_SGN_2;
+            // The library hands over a copy of the name, which is ours to free on every path.
             char* mname = H5Tget_member_name(type, m);
-            const std::string name = mname ? mname : "";
-            if (mname) H5free_memory(mname);
+            if (!mname) return DataFormat();
+            const std::string name(mname);
+            H5free_memory(mname);
 
             DataType field_type;
             if (mcls == H5T_STRING)
@@ -176,13 +178,10 @@ DataFormat formatOf(hid_t dataset, hid_t type, hid_t space) {
 }  // namespace
 
 DataFormat WorkOutFormat(hid_t dataset) {
-    hid_t type = H5Dget_type(dataset);
-    hid_t space = H5Dget_space(dataset);
-    DataFormat format;
-    if (type >= 0 && space >= 0) format = formatOf(dataset, type, space);
-    if (space >= 0) H5Sclose(space);
-    if (type >= 0) H5Tclose(type);
-    return format;
+    Handle type(H5Dget_type(dataset), H5Tclose);
+    Handle space(H5Dget_space(dataset), H5Sclose);
+    if (!type.valid() || !space.valid()) return DataFormat();
+    return formatOf(dataset, type.get(), space.get());
 }
 
 }  // namespace detail

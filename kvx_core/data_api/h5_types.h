@@ -11,6 +11,25 @@ namespace DataAPI {
 namespace H5Wrapper {
 namespace detail {
 
+// Owns one HDF5 handle and closes it with the matching H5?close on every way out of a scope,
+// exceptions included. A handle left open keeps its object alive, with the names the library
+// copied for it, until the process ends, and a file with open objects is never really closed.
+class Handle {
+public:
+    Handle(hid_t id, herr_t (*close)(hid_t)) : id_(id), close_(close) {}
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    ~Handle() {
+        if (id_ >= 0) close_(id_);
+    }
+    hid_t get() const { return id_; }
+    bool valid() const { return id_ >= 0; }
+
+private:
+    hid_t id_;
+    herr_t (*close_)(hid_t);
+};
+
 // A fresh copy of the memory type of one element of `type`; FixedString gets `size` bytes.
 // Anything without a type of its own falls back to unsigned bytes. The caller closes it.
 hid_t ElementType(DataType type, std::uint64_t size);

@@ -53,12 +53,13 @@ AnalysisData::AnalysisData(const std::string& name_, H5Wrapper::H5Group* group, 
 
 void AnalysisData::load(bool legacy) {
     attributes = analysis_group->GetAttributes();
+    std::set<std::pair<std::uint64_t, std::uint64_t>> visited;
     if (legacy) {
-        listDatasets(analysis_group, "");
+        listDatasets(analysis_group, "", visited);
         if (analysis_group->Exists("Summary")) loadSummary(legacy);
     } else {
         if (analysis_group->Exists("Summary")) loadSummary(legacy);
-        listDatasets(analysis_group, "");
+        listDatasets(analysis_group, "", visited);
     }
 }
 
@@ -81,13 +82,17 @@ void AnalysisData::loadSummary(bool legacy) {
     group->Close();
 }
 
-void AnalysisData::listDatasets(H5Wrapper::H5Group* group, const std::string& prefix) {
+void AnalysisData::listDatasets(H5Wrapper::H5Group* group, const std::string& prefix,
+                                std::set<std::pair<std::uint64_t, std::uint64_t>>& visited) {
+    std::pair<std::uint64_t, std::uint64_t> location;
+    // A group whose location cannot be told is walked anyway; a cycle needs a location to close.
+    if (group->Location(location.first, location.second) && !visited.insert(location).second) return;
     auto join = [&prefix](const std::string& n) { return prefix.empty() ? n : prefix + "/" + n; };
     for (const std::string& n : group->ListDatasets()) datasets.push_back(NamePath{n, join(n)});
     for (const std::string& n : group->ListGroups()) {
         H5Wrapper::H5Group* sub = group->OpenGroup(n);
         if (!sub) continue;
-        listDatasets(sub, join(n));
+        listDatasets(sub, join(n), visited);
         sub->Close();
     }
 }

@@ -4,8 +4,11 @@
 // Both point into groups owned by the read's file: an analysis or data set must not outlive the
 // source of a multi-read file, nor the last pointer to a legacy read.
 
+#include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "data_api/analysis_data.h"
 
@@ -49,7 +52,10 @@ protected:
                  bool legacy);
     void load(bool legacy);
     void loadSummary(bool legacy);
-    void listDatasets(H5Wrapper::H5Group* group, const std::string& prefix);
+    // Adds the data sets below `group` to `datasets`. `visited` holds the locations of the groups
+    // walked so far: links can make a group its own descendant, and such a group is walked once.
+    void listDatasets(H5Wrapper::H5Group* group, const std::string& prefix,
+                      std::set<std::pair<std::uint64_t, std::uint64_t>>& visited);
     virtual std::shared_ptr<DataAPI::DataSet> makeDataSet(const std::string& name, H5Wrapper::H5Dataset* dataset);
 
     H5Wrapper::H5Group* analysis_group;

@@ -115,10 +115,17 @@ std::vector<std::int16_t> ReadData::GetRawData(unsigned start, unsigned length) 
     } else if (length == 0 || std::uint64_t(start) + length > duration) {
         length = duration - start;
     }
-    // The whole signal is read whatever the stretch: chunks are small and a read is short, and
-    // the length check against "duration" comes with the format test of the read.
+    // The whole signal is read whatever the stretch: chunks are small and a read is short. The
+    // format (and with it the length against "duration") is tested before the buffer is made, so
+    // that a damaged "duration" costs no memory.
+    DataView view = DataView::Of(static_cast<const std::int16_t*>(nullptr), duration);
+    if (signal->Format() != view.format) {
+        signal->Close();
+        throw std::runtime_error("Data to be read does not match format of dataset.");
+    }
+    CheckReadSize("Signal", duration, sizeof(std::int16_t));
     samples.resize(duration);
-    DataView view = DataView::Of(samples.data(), samples.size());
+    view.data = samples.data();
     const bool ok = signal->Read(view);
     signal->Close();
     if (!ok) throw std::runtime_error("Could not read raw dataset.");

@@ -176,6 +176,33 @@ def make_multi_bad(path):
         odd.create_dataset("Analyses/Basecall_1D_000/Summary", data=np.arange(2, dtype=np.int8))
 
 
+def make_hostile(path):
+    """Reads whose headers promise more than the file holds, and an analysis that contains itself."""
+    with h5py.File(path, "w") as f:
+        def read_with(name, duration, signal):
+            read = f.create_group("read_" + name)
+            raw = read.create_group("Raw")
+            raw_attributes(raw, name, duration=duration)
+            signal(raw)
+            channel_attributes(read.create_group("channel_id"))
+            tracking_attributes(read.create_group("tracking_id"))
+            return read
+
+        # Extents of 2^32 - 2 samples and 10^12 moves, with no storage written behind them.
+        huge = read_with("huge", 2**32 - 2, lambda raw: raw.create_dataset(
+            "Signal", shape=(2**32 - 2,), dtype=np.int16, chunks=(2**20,)))
+        analysis = basecall_analysis(huge.create_group("Analyses"), "Basecall_1D_000")
+        del analysis["BaseCalled_template/Move"]
+        analysis.create_dataset("BaseCalled_template/Move", shape=(10**12,), dtype=np.uint8, chunks=(2**20,))
+        # A "duration" far beyond a short signal.
+        read_with("long-duration", 2**32 - 100, lambda raw: raw.create_dataset("Signal", data=signal(100, 6)))
+        # Links that lead back up: a walk that follows them never ends.
+        looped = read_with("looped", 100, lambda raw: raw.create_dataset("Signal", data=signal(100, 7)))
+        analysis = basecall_analysis(looped.create_group("Analyses"), "Basecall_1D_000")
+        analysis["BaseCalled_template/back_to_analysis"] = analysis
+        analysis["BaseCalled_template/soft_back"] = h5py.SoftLink(analysis.name)
+
+
 def legacy_file(path, reads=("Read_42",), ugk=True, tracking=True, drop_attr=None, with_multi=False,
                 summary_dataset=False):
     with h5py.File(path, "w") as f:
@@ -246,6 +273,7 @@ def make(directory):
     legacy_file(directory + "/legacy_with_read_groups.rawh5", with_multi=True)
     legacy_file(directory + "/legacy_summary_dataset.rawh5", summary_dataset=True)
     make_types(directory + "/types.h5")
+    make_hostile(directory + "/hostile.rawh5")
 
 
 def expect(condition, message):

@@ -1,6 +1,8 @@
 // Reading read files written by another writer (rawh5_fixtures.py, with h5py).
 #include <gtest/gtest.h>
 
+#include <hdf5.h>
+
 #include <algorithm>
 
 #include "data_api/h5_wrapper.h"
@@ -231,4 +233,43 @@ TEST(Rawh5Read, DamagedLegacyFilesFailWithTheirMessages) {
     EXPECT_EQ(open("legacy_no_tracking.rawh5"),
               "Rawh5 read file is invalid. 'UniqueGlobalKey/tracking_id' group not found.");
     EXPECT_EQ(open("no_such_file.rawh5"), "Could not open file \"" + Fixture("no_such_file.rawh5") + "\".");
+}
+
+TEST(Rawh5Read, HostileFilesFailCheaplyAndLeaveNothingOpen) {
+    {
+        Rawh5::ReadSource source(Fixture("hostile.rawh5"), H5Mode::ReadOnly);
+        using E = std::runtime_error;
+        // Refused from the headers alone: nothing of that size is ever allocated.
+        auto huge = source.GetRead("huge");
+        EXPECT_EQ(Thrown<E>([&] { huge->GetRawData(); }),
+                  "Data set 'Signal' is too large to read: 4294967294 elements of 2 bytes.");
+        auto moves = huge->GetAnalysis({"Basecall_1D_000", "Basecall_1D_000"})->GetDataSet({"Move", "BaseCalled_template/Move"});
+        EXPECT_EQ(Thrown<E>([&] { moves->ReadVector<std::uint8_t>(); }),
+                  "Data set 'Move' is too large to read: 1000000000000 elements of 1 bytes.");
+        EXPECT_EQ(Thrown<E>([&] { source.GetRead("long-duration")->GetRawData(); }),
+                  "Data to be read does not match format of dataset.");
+        // Every data set once, however many ways lead to it.
+        auto looped = source.GetRead("looped")->GetAnalysis({"Basecall_1D_000", "Basecall_1D_000"});
+        auto listed = names(looped->Datasets());
+        std::sort(listed.begin(), listed.end());
+        EXPECT_EQ(listed, (std::vector<std::string>{"BaseCalled_template/Events", "BaseCalled_template/Fastq",
+                                                     "BaseCalled_template/Move"}));
+    }
+    // Whatever failed above, and every read of every fixture, closed all it opened.
+    for (const char* file : {"multi.rawh5", "multi_bad.rawh5", "legacy.rawh5", "legacy_summary_dataset.rawh5",
+                             "hostile.rawh5"}) {
+        Rawh5::ReadSource source(Fixture(file), H5Mode::ReadOnly);
+        for (const std::string& id : std::vector<std::string>(source.GetReadIds())) {
+            try {
+                auto read = source.GetRead(id);
+                read->GetRawData();
+                for (const NamePath& a : read->GetAnalyses()) {
+                    auto analysis = read->GetAnalysis(a);
+                    for (const NamePath& d : analysis->Datasets()) analysis->GetDataSet(d)->Attributes();
+                }
+            } catch (const std::exception&) {
+            }
+        }
+    }
+    EXPECT_EQ(H5Fget_obj_count(H5F_OBJ_ALL, H5F_OBJ_ALL), 0);
 }
