@@ -1,7 +1,9 @@
 #include "basecall_nn/cblas_layers.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 #include <string>
 
@@ -88,10 +90,21 @@ WindowLayer::WindowLayer(int inSize_, int windowLength_, int windowStride_, int 
                                  std::to_string(windowStride) + " and padding " + std::to_string(padLeft) + ", " +
                                  std::to_string(padRight) + ".");
     }
+    // Rows of padding beyond the window's length give output rows that see no input at all; a model
+    // file that asks for more is damaged, and would make the runner size its buffers by the padding.
+    if (padLeft > windowLength || padRight > windowLength) {
+        throw std::runtime_error("Convolution padding of " + std::to_string(padLeft) + " and " +
+                                 std::to_string(padRight) + " rows is longer than its window of " +
+                                 std::to_string(windowLength) + " rows.");
+    }
 }
 
 int WindowLayer::OutputRows(int rows) const {
-    return (padLeft + padRight - (windowLength - rows)) / windowStride + 1;
+    // In 64 bits: the sum of paddings and rows may not fit an int.
+    const std::int64_t out =
+        (static_cast<std::int64_t>(padLeft) + padRight - (static_cast<std::int64_t>(windowLength) - rows)) /
+            windowStride + 1;
+    return static_cast<int>(std::min<std::int64_t>(out, std::numeric_limits<int>::max()));
 }
 
 void WindowLayer::Process(const Common::MatView<float>& in, Common::MatView<float>& out, float*) const {

@@ -1,5 +1,7 @@
 #include "basecall_nn/nn_caller_cblas.h"
 
+#include <cstdint>
+#include <limits>
 #include <stdexcept>
 #include <string>
 
@@ -27,12 +29,22 @@ NNCallerCblas::~NNCallerCblas() = default;
 void NNCallerCblas::AddConvolution(Activation activation, int insize, int winlen, int size, int stride,
                                    int padLeft, int padRight, const Common::MatView<const float>& W,
                                    const Common::VecView<const float>& b) {
-    checkShape("Convolution", insize * winlen, size, W, b);
+    const std::int64_t windowWidth = static_cast<std::int64_t>(insize) * winlen;
+    if (windowWidth > std::numeric_limits<int>::max()) {
+        throw std::runtime_error("Convolution window of " + std::to_string(winlen) + " rows of " +
+                                 std::to_string(insize) + " inputs is too wide.");
+    }
+    checkShape("Convolution", static_cast<int>(windowWidth), size, W, b);
+    const std::int64_t newStride = static_cast<std::int64_t>(event_stride) * stride;
+    if (newStride > std::numeric_limits<int>::max()) {
+        throw std::runtime_error("The convolutions of the network take " + std::to_string(newStride) +
+                                 " input rows per output row, more than can be run.");
+    }
     auto window = std::make_unique<WindowLayer>(insize, winlen, stride, padLeft, padRight);
     auto dense = MakeFeedforward(activation, W, b);
     layers.push_back(std::move(window));
     layers.push_back(std::move(dense));
-    event_stride *= stride;
+    event_stride = static_cast<int>(newStride);
 }
 
 void NNCallerCblas::AddFeedforward(Activation activation, int insize, int size, const Common::MatView<const float>& W,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <initializer_list>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
@@ -291,10 +292,60 @@ void readTesselGru(const Value& layer, const char* prefix, GruArrays& a, int& in
 
 void updateWindowReach(NNCaller& caller) {
     for (const std::int32_t w : caller.window) {
-        caller.window_left = std::max(caller.window_left, -w);
+        // Negated in 64 bits: the most negative offset has no positive int.
+        const std::int64_t left = std::max<std::int64_t>(caller.window_left, -static_cast<std::int64_t>(w));
+        caller.window_left = static_cast<int>(std::min<std::int64_t>(left, std::numeric_limits<int>::max()));
         caller.window_right = std::max(caller.window_right, static_cast<int>(w));
     }
 }
+
+// Numbers in a weight array of the given dimensions, all read from the file: their product may not
+// fit, and the layers keep their sizes as int. No real layer comes near the bound.
+std::size_t arrayCount(std::initializer_list<std::size_t> dims, const std::string& what) {
+    constexpr std::size_t kMax = static_cast<std::size_t>(std::numeric_limits<int>::max());
+    std::size_t n = 1;
+    for (const std::size_t d : dims) {
+        if (d != 0 && n > kMax / d) {
+            throw std::runtime_error("Model file: " + what + " would have a weight array of more than " +
+                                     std::to_string(kMax) + " numbers.");
+        }
+        n *= d;
+    }
+    return n;
+}
+
+// The runner gives each layer the buffer the layer before it wrote, and takes the number of columns
+// from the reading layer: a layer that reads more columns than were written runs over the end of that
+// buffer, one that reads fewer computes on the wrong features. Neither fails by itself, so the
+// widths are compared here, while the file is loaded, and a model that does not chain is refused.
+class LayerChain {
+public:
+    // Layers are counted from 1 in the order they run; a bidirectional pair is one layer.
+    void Link(const std::string& what, std::int64_t insize, std::int64_t outsize) {
+        ++count;
+        const std::string name = "layer " + std::to_string(count) + " (" + what + ")";
+        if (count > 1 && insize != width) {
+            throw std::runtime_error("Model file: " + name + " reads " + std::to_string(insize) +
+                                     " inputs, but " + lastName + " before it gives " + std::to_string(width) +
+                                     " outputs.");
+        }
+        width = outsize;
+        lastName = name;
+    }
+    // The posteriors are the last layer's output, read as num_states columns.
+    void CheckOutput(std::int64_t numStates) const {
+        if (count > 0 && width != numStates) {
+            throw std::runtime_error("Model file: the network ends with " + lastName + ", which gives " +
+                                     std::to_string(width) + " outputs, but its output layer has " +
+                                     std::to_string(numStates) + " states.");
+        }
+    }
+
+private:
+    int count = 0;
+    std::int64_t width = 0;
+    std::string lastName;
+};
 
 }  // namespace
 
@@ -635,11 +686,20 @@ void NNLoader::LoadTesselInto(NNCaller& caller) const {
     }
     updateWindowReach(caller);
 
+    LayerChain chain;
     for (const Value* layer : layers) {
         const std::string type = typeOf(*layer);
         if (type == "parallel") {
             LoadBidirectionalLayer(*layer, caller);
-        } else if (type == "feed-forward") {
+            // Loading has checked that the two halves agree in type and sizes.
+            LayerList halves;
+            flattenLayers(*layer, false, halves);
+            const Value& half = *halves.front();
+            chain.Link("type 'parallel' over '" + typeOf(half) + "'", getInt(half, "insize"),
+                       2 * static_cast<std::int64_t>(getInt(half, "size")));
+            continue;
+        }
+        if (type == "feed-forward") {
             LoadFeedforwardLayer(*layer, caller);
         } else if (type == "softmax") {
             LoadSoftmaxLayer(*layer, caller);
@@ -654,7 +714,9 @@ void NNLoader::LoadTesselInto(NNCaller& caller) const {
         } else {
             throw std::runtime_error("Layer type '" + type + "' has no loading implemented.");
         }
+        chain.Link("type '" + type + "'", getInt(*layer, "insize"), getInt(*layer, "size"));
     }
+    chain.CheckOutput(caller.num_states);
 }
 
 void NNLoader::LoadConvolutionLayer(const Value& layer, NNCaller& caller) const {
@@ -672,7 +734,7 @@ void NNLoader::LoadConvolutionLayer(const Value& layer, NNCaller& caller) const 
     const Value& params = required(layer, "params", what);
     const std::size_t rows = static_cast<std::size_t>(insize) * static_cast<std::size_t>(winlen);
     FlatArray W, b;
-    readArray(params, "W", rows * static_cast<std::size_t>(size), W, what);
+    readArray(params, "W", arrayCount({rows, static_cast<std::size_t>(size)}, what), W, what);
     readArray(params, "b", static_cast<std::size_t>(size), b, what);
     caller.AddConvolution(activation, insize, winlen, size, stride, padding[0].GetInt(), padding[1].GetInt(),
                           transposedView(W.data(), rows, static_cast<std::size_t>(size)),
@@ -852,6 +914,7 @@ void NNLoader::LoadQuorletInto(NNCaller& caller) const {
         throw std::runtime_error("Model file: \"layers\" should be an array of layers.");
     }
     int added = 0;
+    LayerChain chain;
     for (const Value& entry : layers.GetArray()) {
         const std::string type = getString(entry, "type", "an entry of \"layers\"");
         if (type == "input" || type == "multiclass_classification") {
@@ -899,8 +962,10 @@ void NNLoader::LoadQuorletInto(NNCaller& caller) const {
             }
         };
 
+        std::size_t inWidth = 0;  // what the layer reads per row
         if (type == "softmax" || feedforward) {
             const std::size_t in = insizeFor(1);
+            inWidth = in;
             expectLength(bias, "bias", h);
             const auto W = transposedView(input.data(), in, h);
             if (type == "softmax") {
@@ -919,6 +984,7 @@ void NNLoader::LoadQuorletInto(NNCaller& caller) const {
             caller.label_state = size - 1;
         } else if (type == "lstm" || type == "rlstm") {
             const std::size_t in = insizeFor(4);
+            inWidth = in;
             expectLength(bias, "bias", 4 * h);
             expectLength(internal, "internal", 4 * h * h + 3 * h);
             LstmArrays a;
@@ -937,6 +1003,7 @@ void NNLoader::LoadQuorletInto(NNCaller& caller) const {
             }
             const std::size_t half = h / 2;
             const std::size_t in = insizeFor(4);
+            inWidth = in;
             expectLength(bias, "bias", 4 * h);
             expectLength(internal, "internal", 8 * half * half + 6 * half);
             LstmArrays fwd, bwd;
@@ -956,6 +1023,7 @@ void NNLoader::LoadQuorletInto(NNCaller& caller) const {
             caller.AddBLstm(static_cast<int>(in), static_cast<int>(half), fwd.params, bwd.params);
         } else if (type == "gru" || type == "rgru") {
             const std::size_t in = insizeFor(3);
+            inWidth = in;
             expectLength(bias, "bias", 3 * h);
             expectLength(internal, "internal", 3 * h * h);
             GruArrays a;
@@ -973,6 +1041,7 @@ void NNLoader::LoadQuorletInto(NNCaller& caller) const {
             }
             const std::size_t half = h / 2;
             const std::size_t in = insizeFor(3);
+            inWidth = in;
             expectLength(bias, "bias", 3 * h);
             expectLength(internal, "internal", 6 * half * half);
             GruArrays fwd, bwd;
@@ -990,6 +1059,7 @@ void NNLoader::LoadQuorletInto(NNCaller& caller) const {
             caller.AddBGru(static_cast<int>(in), static_cast<int>(half), fwd.params, bwd.params, false, false);
         } else {  // convolution
             const int insize = getPositive(entry, "insize", what);
+            inWidth = static_cast<std::size_t>(insize);
             const int winlen = getPositive(entry, "winlen", what);
             const int stride = getPositive(entry, "stride", what);
             const Value& padding = required(entry, "padding", what);
@@ -998,17 +1068,20 @@ void NNLoader::LoadQuorletInto(NNCaller& caller) const {
                                          " should be an array of two integers, left and right.");
             }
             const std::size_t rows = static_cast<std::size_t>(insize) * static_cast<std::size_t>(winlen);
-            expectLength(input, "input", rows * h);
+            expectLength(input, "input", arrayCount({rows, h}, what));
             expectLength(bias, "bias", h);
             caller.AddConvolution(activationFromWord(getString(entry, "activation", what)), insize, winlen, size,
                                   stride, padding[0].GetInt(), padding[1].GetInt(),
                                   transposedView(input.data(), rows, h), vectorView(bias.data(), h));
         }
+        // A bidirectional entry's size is already the sum of its two directions.
+        chain.Link("'" + name + "' of type '" + type + "'", static_cast<std::int64_t>(inWidth), size);
         ++added;
     }
     if (added == 0) {
         throw std::runtime_error("Error loading RNN model. No layers found.");
     }
+    chain.CheckOutput(caller.num_states);
 }
 
 }  // namespace BasecallNN

@@ -30,7 +30,9 @@ public:
     virtual ~NNLoader();
 
     // Chooses the dialect and adds every layer to caller, filling its model fields. May run any
-    // number of times; each run builds its own flat arrays.
+    // number of times; each run builds its own flat arrays. Refuses a model whose layers do not
+    // chain: each layer must read as many inputs as the one before it gives, and the last layer
+    // must give the output layer's states.
     void LoadInto(NNCaller& caller) const;
 
     DecodeType GetDecodeType() const;

@@ -177,6 +177,33 @@ TEST(NNLoaderTest, ArrayAndShapeMessages) {
     EXPECT_EQ(loadFailure(serial({text, softmax(1, 5)})), "Model file: array 'W' holds 1, which is not a number.");
 }
 
+TEST(NNLoaderTest, LayersThatDoNotChainAreRefused) {
+    // Each model is well formed layer by layer, but one layer reads a width its predecessor does not
+    // give (or the last layer is not the output layer); the runner would read past a buffer.
+    const std::string ff = feedforward(2, 3), rev = wrap("reverse", gru(3, 2), "sublayer");
+    const std::string quorletHead = R"({"layers":[{"type":"input","name":"i","size":2},)"
+                                    R"({"type":"feedforward_tanh","name":"f","size":5},)";
+    const std::string quorletF = R"("f":{"input":)" + numbers(10) + R"(,"bias":)" + numbers(5) + "}";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {serial({ff, lstm(4, 4), softmax(4, 5)}),
+         "layer 2 (type 'LSTM') reads 4 inputs, but layer 1 (type 'feed-forward') before it gives 3 outputs."},
+        {serial({convolution(1, 4, 3, 2), gru(3, 4), softmax(4, 5)}),
+         "layer 2 (type 'GRU') reads 3 inputs, but layer 1 (type 'convolution') before it gives 4 outputs."},
+        {serial({ff, parallel(gru(3, 2), rev), softmax(2, 5)}),
+         "layer 3 (type 'softmax') reads 2 inputs, but layer 2 (type 'parallel' over 'GRU') before it gives 4 "
+         "outputs."},
+        {quorletHead + R"({"type":"softmax","name":"s","size":5}],"weights":{)" + quorletF + R"(,"s":{"input":)" +
+             numbers(20) + R"(,"bias":)" + numbers(5) + "}}}",
+         "layer 2 ('s' of type 'softmax') reads 4 inputs, but layer 1 ('f' of type 'feedforward_tanh') before it "
+         "gives 5 outputs."},
+        {quorletHead + R"({"type":"gru","name":"g","size":3}],"weights":{)" + quorletF + R"(,"g":{"input":)" +
+             numbers(45) + R"(,"bias":)" + numbers(9) + R"(,"internal":)" + numbers(27) + "}}}",
+         "the network ends with layer 2 ('g' of type 'gru'), which gives 3 outputs, but its output layer has 5 "
+         "states."},
+    };
+    for (const auto& [json, message] : cases) EXPECT_EQ(loadFailure(json), "Model file: " + message) << json;
+}
+
 TEST(NNLoaderTest, QueriesOfTesselFiles) {
     const auto loader = [](const std::string& json) {
         auto file = std::make_shared<TempFile>(json);
