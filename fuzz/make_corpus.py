@@ -260,7 +260,7 @@ def run_seeds(run):
         # The same stretch as an Events table of a 5-mer model: mean, stdv, start, length, model_state, move.
         # A field count byte (count - 1), then per field its name, type and string width bytes, as
         # fuzz_labels.cpp reads them; the records below follow the table layout rule (40 bytes).
-        spec = bytes([5, 1, 1, 0, 2, 1, 0, 3, 5, 0, 4, 5, 0, 0, 0, 4, 5, 3, 0])
+        layout = bytes([5, 1, 1, 0, 2, 1, 0, 3, 5, 0, 4, 5, 0, 0, 0, 4, 5, 3, 0])
         padded = "NN" + seq[:bases] + "NN"
         rows = b""
         position = 0
@@ -271,7 +271,7 @@ def run_seeds(run):
             record += b"\0\0" + struct.pack("<i", moves[e])
             rows += record.ljust(40, b"\0")
         for strand in (0, 1):
-            write("labels", "events_strand%d.bin" % (strand + 1), bytes([2 | strand]) + spec + rows)
+            write("labels", "events_strand%d.bin" % (strand + 1), bytes([2 | strand]) + layout + rows)
 
 
 def broken_run_seeds():

@@ -148,6 +148,18 @@ void AnnotatedCopy::Commit() {
     }
 }
 
+void ForEachEntry(const std::string& dir, bool recursive, const std::function<void(const fs::directory_entry&)>& visit) {
+    if (recursive) {
+        for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
+            visit(*it);
+        }
+    } else {
+        for (fs::directory_iterator it(dir), end; it != end; ++it) {
+            visit(*it);
+        }
+    }
+}
+
 std::size_t RemoveLeftoverCopies(const std::string& dir, bool recursive) {
     static const std::regex leftover(R"(\..+\.rawh5\.partial-([0-9]{1,18}))");
     if (!fs::is_directory(dir)) {
@@ -166,15 +178,7 @@ std::size_t RemoveLeftoverCopies(const std::string& dir, bool recursive) {
             }
         }
     };
-    if (recursive) {
-        for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
-            take(*it);
-        }
-    } else {
-        for (fs::directory_iterator it(dir), end; it != end; ++it) {
-            take(*it);
-        }
-    }
+    ForEachEntry(dir, recursive, take);
     for (const auto& path : found) {
         boost::system::error_code error;
         fs::remove(path, error);

@@ -10,7 +10,10 @@
 // (so no listing of read files picks it up), and telling which process made it.
 
 #include <cstddef>
+#include <functional>
 #include <string>
+
+#include <boost/filesystem/directory.hpp>
 
 namespace TestBed {
 
@@ -41,5 +44,9 @@ private:
 // Removes the temporary copies that killed runs left in `dir` (and below it with recursive); a copy
 // of a process that is still running is left alone. Returns how many were removed.
 std::size_t RemoveLeftoverCopies(const std::string& dir, bool recursive);
+
+// Calls `visit` on every entry of `dir`, and of its subfolders when `recursive`.
+void ForEachEntry(const std::string& dir, bool recursive,
+                  const std::function<void(const boost::filesystem::directory_entry&)>& visit);
 
 }  // namespace TestBed

@@ -226,15 +226,7 @@ std::vector<std::string> SingleStrandRun::ListReadFiles(const std::string& dir, 
             files.push_back(entry.path().string());
         }
     };
-    if (recursive) {
-        for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
-            take(*it);
-        }
-    } else {
-        for (fs::directory_iterator it(dir), end; it != end; ++it) {
-            take(*it);
-        }
-    }
+    ForEachEntry(dir, recursive, take);
     std::sort(files.begin(), files.end());
     return files;
 }
