@@ -39,6 +39,7 @@ std::string readFasta(const std::string& path) {
 int main(int argc, char** argv) {
     try {
         SimulatorOptions sim;
+        DigitiserSettings digitiser;
         WriterOptions out;
         std::string genomePath, poreModel;
         const auto defaultModel = (Common::ExecutableDirectory().parent_path() / "data" / "pore_model_6mer.txt").string();
@@ -60,6 +61,30 @@ int main(int argc, char** argv) {
             "channels", po::value(&sim.channels)->default_value(64), "number of channels")(
             "runs", po::value(&sim.run_count)->default_value(2), "number of run ids")(
             "mean_dwell", po::value(&sim.mean_dwell)->default_value(9.0), "mean samples per base")(
+            "dwell_shape", po::value(&sim.dwell_shape)->default_value(3.0),
+            "gamma shape of a dwell beyond 1 sample")(
+            "noise_scale", po::value(&sim.noise_scale)->default_value(1.0),
+            "multiplies the noise around every level")(
+            "drift_scale", po::value(&sim.drift_scale)->default_value(1.0),
+            "multiplies the slow drift (1.5 pA)")(
+            "drift_period_min", po::value(&sim.drift_period_min)->default_value(2000.0),
+            "shortest drift period, samples")(
+            "drift_period_max", po::value(&sim.drift_period_max)->default_value(8000.0),
+            "longest drift period, samples")(
+            "scale_spread", po::value(&sim.scale_spread)->default_value(0.04, "0.04"),
+            "SD of each read's gain around 1")(
+            "offset_spread", po::value(&sim.offset_spread)->default_value(3.0),
+            "SD of each read's shift, pA")(
+            "open_pore_min", po::value(&sim.open_pore_min)->default_value(400),
+            "shortest open-pore stretch, samples")(
+            "open_pore_max", po::value(&sim.open_pore_max)->default_value(1200),
+            "open-pore stretch upper bound, samples")(
+            "leader_dwell_factor", po::value(&sim.leader_dwell_factor)->default_value(0.5),
+            "adapter 6-mer dwell / a base's dwell")(
+            "digitisation_offset", po::value(&digitiser.offset)->default_value(12.0),
+            "digitiser offset, a whole number")(
+            "digitisation_range", po::value(&digitiser.range)->default_value(1402.0),
+            "digitiser range, pA")(
             "no_adapter", "leave out the open-pore and adapter stretch before each strand")(
             "reads_per_file", po::value(&out.reads_per_file)->default_value(40), "reads per multi-read file")(
             "legacy_fraction", po::value(&out.legacy_fraction)->default_value(0.1),
@@ -78,10 +103,10 @@ int main(int argc, char** argv) {
         Common::KmerTable table;
         table.Read(poreModel, 6);
         PoreLevels levels{table.level_mean, table.level_stdv};
-        ReadSimulator simulator(sim, DigitiserSettings{}, levels, genomePath.empty() ? "" : readFasta(genomePath));
+        ReadSimulator simulator(sim, digitiser, levels, genomePath.empty() ? "" : readFasta(genomePath));
         std::vector<SimulatedPair> pairs;
         const auto reads = simulator.Run(pairs);
-        SimulationWriter writer(out, DigitiserSettings{}, sim.sampling_rate, simulator.RunIds());
+        SimulationWriter writer(out, digitiser, sim.sampling_rate, simulator.RunIds());
         writer.Write(reads, pairs);
         std::uint64_t samples = 0;
         for (const auto& r : reads) {

@@ -35,6 +35,7 @@ ReadSimulator::ReadSimulator(const SimulatorOptions& options, const DigitiserSet
     if (m_options.min_length < 50 || m_options.max_length < m_options.min_length) {
         throw std::runtime_error("Molecule lengths must satisfy 50 <= min_length <= max_length.");
     }
+    validateSignalSettings();
     if (m_genome.empty()) {
         m_genome = RandomGenome(m_options.genome_length, m_rng);
     }
@@ -93,6 +94,61 @@ std::string ReadSimulator::randomReadId() {
     return id;
 }
 
+void ReadSimulator::validateSignalSettings() const {
+    const auto fail = [](const std::string& what) { throw std::runtime_error(what); };
+    const SimulatorOptions& o = m_options;
+    for (double v : {o.mean_dwell, o.dwell_shape, o.noise_scale, o.drift_pa, o.drift_scale, o.drift_period_min,
+                     o.drift_period_max, o.scale_spread, o.offset_spread, o.leader_dwell_factor}) {
+        if (!std::isfinite(v)) {
+            fail("Every signal setting must be a finite number.");
+        }
+    }
+    // Negated comparisons so that NaN is refused as well.
+    if (!(o.mean_dwell >= 1.0)) {
+        fail("mean_dwell must be at least 1 sample per base.");
+    }
+    if (!(o.dwell_shape > 0.0)) {
+        fail("dwell_shape must be more than 0.");
+    }
+    if (!(o.noise_scale >= 0.0)) {
+        fail("noise_scale must be 0 or more.");
+    }
+    if (!(o.drift_pa >= 0.0) || !(o.drift_scale >= 0.0)) {
+        fail("drift_scale must be 0 or more.");
+    }
+    if (!(o.drift_period_min > 0.0) || !(o.drift_period_max >= o.drift_period_min)) {
+        fail("The drift period must satisfy 0 < drift_period_min <= drift_period_max.");
+    }
+    // Beyond 0.2 a read's gain could come out negative (a five-sigma draw), which no pore does.
+    if (!(o.scale_spread >= 0.0 && o.scale_spread <= 0.2)) {
+        fail("scale_spread must lie between 0 and 0.2.");
+    }
+    if (!(o.offset_spread >= 0.0)) {
+        fail("offset_spread must be 0 or more.");
+    }
+    // The upper bound also catches a negative number wrapped round by the unsigned option parser.
+    if (o.open_pore_max < o.open_pore_min || o.open_pore_max > 1000000) {
+        fail("The open-pore stretch must satisfy open_pore_min <= open_pore_max <= 1000000 samples.");
+    }
+    if (!(o.leader_dwell_factor > 0.0 && o.leader_dwell_factor <= 100.0)) {
+        fail("leader_dwell_factor must be more than 0 and at most 100.");
+    }
+    const DigitiserSettings& d = m_digitiser;
+    // Readers take the offset as a 16-bit integer, so a fractional one would shift every read.
+    if (!(std::abs(d.offset) <= 32767.0) || d.offset != std::round(d.offset)) {
+        fail("digitisation_offset must be a whole number between -32767 and 32767.");
+    }
+    // Twice the open-pore current must fit the 16-bit samples, or the signal would clip.
+    const double minRange = 2.0 * kOpenPore * d.digitisation / (32767.0 - std::abs(d.offset));
+    if (!(d.digitisation > 0.0) || !(d.range >= minRange)) {
+        char text[160];
+        std::snprintf(text, sizeof(text),
+                      "digitisation_range must be at least %.0f pA with this offset, or the signal clips.",
+                      std::ceil(minRange));
+        fail(text);
+    }
+}
+
 std::int16_t ReadSimulator::digitise(double picoamperes) const {
     const double raw = std::round(picoamperes * m_digitiser.digitisation / m_digitiser.range - m_digitiser.offset);
     return static_cast<std::int16_t>(std::clamp(raw, -32768.0, 32767.0));
@@ -101,28 +157,33 @@ std::int16_t ReadSimulator::digitise(double picoamperes) const {
 void ReadSimulator::MakeSignal(SimulatedRead& read) {
     std::normal_distribution<double> unit(0.0, 1.0);
     std::uniform_real_distribution<double> uniform(0.0, 1.0);
-    // Each pore has its own gain and offset; the pipeline normalises them away.
-    const double gain = 1.0 + 0.04 * unit(m_rng);
-    const double shift = 3.0 * unit(m_rng);
-    const double driftPeriod = 2000.0 + 6000.0 * uniform(m_rng);
+    // Each pore has its own gain and offset; the pipeline normalises them away. Every draw is taken
+    // whatever the settings, so that changing one setting leaves the other draws of a seed alone.
+    const double gain = 1.0 + m_options.scale_spread * unit(m_rng);
+    const double shift = m_options.offset_spread * unit(m_rng);
+    const double driftPeriod =
+        m_options.drift_period_min + (m_options.drift_period_max - m_options.drift_period_min) * uniform(m_rng);
     const double driftPhase = 6.283185307 * uniform(m_rng);
+    const double driftAmplitude = m_options.drift_pa * m_options.drift_scale;
     const double extraDwell = std::max(0.0, m_options.mean_dwell - 1.0);
     std::gamma_distribution<double> dwellDist(m_options.dwell_shape, extraDwell / m_options.dwell_shape);
 
     auto& raw = read.raw;
     raw.clear();
     auto emit = [&](double level, double noise, std::uint32_t samples) {
+        const double spread = noise * m_options.noise_scale;
         for (std::uint32_t s = 0; s < samples; ++s) {
             const double t = static_cast<double>(raw.size());
-            const double drift = m_options.drift_pa * std::sin(6.283185307 * t / driftPeriod + driftPhase);
-            raw.push_back(digitise(gain * level + shift + drift + noise * unit(m_rng)));
+            const double drift = driftAmplitude * std::sin(6.283185307 * t / driftPeriod + driftPhase);
+            raw.push_back(digitise(gain * level + shift + drift + spread * unit(m_rng)));
         }
     };
     auto dwell = [&]() { return 1u + static_cast<std::uint32_t>(std::lround(extraDwell > 0 ? dwellDist(m_rng) : 0)); };
 
     read.median_before = kOpenPore + shift;
     if (m_options.adapter) {
-        emit(kOpenPore, 2.5, 400 + static_cast<std::uint32_t>(uniform(m_rng) * 800));
+        const std::uint32_t openPoreSpan = m_options.open_pore_max - m_options.open_pore_min;
+        emit(kOpenPore, 2.5, m_options.open_pore_min + static_cast<std::uint32_t>(uniform(m_rng) * openPoreSpan));
         const std::string adapter(kAdapter);
         for (std::size_t i = 0; i + kKmer <= adapter.size(); ++i) {
             int idx = 0;
@@ -130,7 +191,9 @@ void ReadSimulator::MakeSignal(SimulatedRead& read) {
                 idx = idx * 4 + baseIndex(adapter[i + k]);
             }
             // The adapter passes faster and with a damped level, as a leader does.
-            emit(0.8 * m_levels.level_mean[idx] + 15.0, m_levels.level_stdv[idx], std::max(1u, dwell() / 2));
+            const double leaderDwell = dwell() * m_options.leader_dwell_factor;
+            emit(0.8 * m_levels.level_mean[idx] + 15.0, m_levels.level_stdv[idx],
+                 std::max(1u, static_cast<std::uint32_t>(leaderDwell)));
         }
     }
     read.strand_start = raw.size();

@@ -33,11 +33,22 @@ struct SimulatorOptions {
     double pair_gap_min = 0.05, pair_gap_max = 0.45;      // seconds between the strands of a pair
     double other_gap_min = 1.0, other_gap_max = 20.0;     // seconds before an unrelated read
     bool adapter = true;                // an open-pore and adapter stretch before each strand
+    std::uint32_t open_pore_min = 400;  // samples of open pore before the adapter, drawn per read
+    std::uint32_t open_pore_max = 1200; //   from [min, max), or exactly min when they are equal
+    double leader_dwell_factor = 0.5;   // an adapter 6-mer lasts this share of a strand base's dwell
+    double noise_scale = 1.0;           // multiplies the Gaussian spread of the samples around every level
     double drift_pa = 1.5;              // amplitude of the slow drift, picoamperes
+    double drift_scale = 1.0;           // multiplies drift_pa
+    double drift_period_min = 2000.0;   // samples; each read draws its drift period from [min, max]
+    double drift_period_max = 8000.0;
+    double scale_spread = 0.04;         // standard deviation of the per-read gain around 1
+    double offset_spread = 3.0;         // standard deviation of the per-read shift, picoamperes
     std::uint32_t genome_length = 500000;  // random genome when no FASTA is given
 };
 
 struct DigitiserSettings {
+    // Picoamperes = (raw + offset) * range / digitisation. The reads carry these values, so readers
+    // scale each read with its own settings.
     double digitisation = 8192.0;
     double range = 1402.0;
     double offset = 12.0;
@@ -83,6 +94,7 @@ public:
     const std::vector<std::string>& RunIds() const { return m_runIds; }
 
 private:
+    void validateSignalSettings() const;
     std::int16_t digitise(double picoamperes) const;
     std::string randomReadId();
 
