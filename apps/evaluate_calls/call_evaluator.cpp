@@ -36,32 +36,62 @@ std::string reverseComplement(const std::string& s) {
     return rc;
 }
 
-AlignmentCounts alignOne(const std::string& call, const std::string& truth) {
-    AlignmentCounts counts;
+using EdlibGuard = std::unique_ptr<EdlibAlignResult, void (*)(EdlibAlignResult*)>;
+
+EdlibAlignResult runEdlib(const std::string& call, const std::string& truth, int maxDistance, EdlibAlignTask task) {
+    EdlibAlignResult result = edlibAlign(call.data(), static_cast<int>(call.size()), truth.data(),
+                                         static_cast<int>(truth.size()),
+                                         edlibNewAlignConfig(maxDistance, EDLIB_MODE_HW, task, nullptr, 0));
+    if (result.status != EDLIB_STATUS_OK) {
+        edlibFreeAlignResult(result);
+        throw std::runtime_error("Alignment failed.");
+    }
+    return result;
+}
+
+void freeEdlib(EdlibAlignResult* r) { edlibFreeAlignResult(*r); }
+
+// Infix edit distance of the call in the truth; -1 when above maxDistance (-1 for no bound).
+int infixDistance(const std::string& call, const std::string& truth, int maxDistance) {
+    EdlibAlignResult result = runEdlib(call, truth, maxDistance, EDLIB_TASK_DISTANCE);
+    EdlibGuard guard(&result, freeEdlib);
+    return result.editDistance;
+}
+
+// Walks the infix alignment's columns, counting them and charging each error to call bases.
+void chargeAlignment(const std::string& call, const std::string& truth, int maxDistance, BaseCharges& out) {
+    out.charges.assign(call.size(), 0.0);
+    AlignmentCounts& counts = out.counts;
     if (call.empty() || truth.empty()) {
         counts.deletions = truth.size();
         counts.insertions = call.size();
-        return counts;
+        std::fill(out.charges.begin(), out.charges.end(), 1.0);
+        return;
     }
-    EdlibAlignResult result = edlibAlign(call.data(), static_cast<int>(call.size()), truth.data(),
-                                         static_cast<int>(truth.size()),
-                                         edlibNewAlignConfig(-1, EDLIB_MODE_HW, EDLIB_TASK_PATH, nullptr, 0));
-    std::unique_ptr<EdlibAlignResult, void (*)(EdlibAlignResult*)> guard(&result, [](EdlibAlignResult* r) {
-        edlibFreeAlignResult(*r);
-    });
-    if (result.status != EDLIB_STATUS_OK) {
-        throw std::runtime_error("Alignment failed.");
-    }
+    EdlibAlignResult result = runEdlib(call, truth, maxDistance, EDLIB_TASK_PATH);
+    EdlibGuard guard(&result, freeEdlib);
+    const std::size_t n = call.size();
+    std::size_t next = 0;  // the call base the next column reaches
     for (int i = 0; i < result.alignmentLength; ++i) {
         switch (result.alignment[i]) {
-            case EDLIB_EDOP_MATCH: ++counts.matches; break;
-            case EDLIB_EDOP_MISMATCH: ++counts.mismatches; break;
-            case EDLIB_EDOP_INSERT: ++counts.insertions; break;
-            case EDLIB_EDOP_DELETE: ++counts.deletions; break;
+            case EDLIB_EDOP_MATCH: ++counts.matches; ++next; break;
+            case EDLIB_EDOP_MISMATCH: ++counts.mismatches; out.charges[next++] += 1.0; break;
+            case EDLIB_EDOP_INSERT: ++counts.insertions; out.charges[next++] += 1.0; break;
+            case EDLIB_EDOP_DELETE:
+                // The missing truth base lies between call bases next - 1 and next.
+                ++counts.deletions;
+                if (next == 0) {
+                    out.charges[0] += 1.0;
+                } else if (next == n) {
+                    out.charges[n - 1] += 1.0;
+                } else {
+                    out.charges[next - 1] += 0.5;
+                    out.charges[next] += 0.5;
+                }
+                break;
             default: break;
         }
     }
-    return counts;
 }
 }  // namespace
 
@@ -85,17 +115,20 @@ std::vector<SequenceRecord> ReadSequences(const std::string& path) {
             continue;
         }
         if (line[0] == '>') {
-            records.push_back({firstWord(line), ""});
+            records.push_back({firstWord(line), "", ""});
         } else if (line[0] == '@') {
-            SequenceRecord rec{firstWord(line), ""};
+            SequenceRecord rec{firstWord(line), "", ""};
             std::string plus, qual;
             if (!std::getline(in, rec.sequence) || !std::getline(in, plus) || !std::getline(in, qual) ||
                 plus.empty() || plus[0] != '+') {
                 throw std::runtime_error("Truncated FASTQ record \"" + rec.id + "\" in " + path + ".");
             }
-            if (!rec.sequence.empty() && rec.sequence.back() == '\r') {
-                rec.sequence.pop_back();
+            for (std::string* s : {&rec.sequence, &qual}) {
+                if (!s->empty() && s->back() == '\r') {
+                    s->pop_back();
+                }
             }
+            rec.quality = std::move(qual);
             records.push_back(std::move(rec));
         } else if (!records.empty()) {
             records.back().sequence += line;
@@ -106,12 +139,52 @@ std::vector<SequenceRecord> ReadSequences(const std::string& path) {
     return records;
 }
 
-AlignmentCounts AlignToTruth(const std::string& call, const std::string& truth) {
+BaseCharges ChargeBases(const std::string& call, const std::string& truth) {
     std::string forward = call;
     std::replace(forward.begin(), forward.end(), 'U', 'T');
-    const AlignmentCounts a = alignOne(forward, truth);
-    const AlignmentCounts b = alignOne(reverseComplement(forward), truth);
-    return b.Identity() > a.Identity() ? b : a;
+    const std::string backward = reverseComplement(forward);
+    // Distances alone pick the orientation (the path is the expensive part on long reads); the
+    // wrong one is bounded by the right one's distance so that it stops early. Ties keep forward.
+    BaseCharges best;
+    int distance = -1;
+    if (!forward.empty() && !truth.empty()) {
+        const int fwd = infixDistance(forward, truth, -1);
+        const int bwd = infixDistance(backward, truth, fwd > 0 ? fwd - 1 : 0);
+        best.reverse = bwd >= 0 && bwd < fwd;
+        distance = best.reverse ? bwd : fwd;
+    }
+    chargeAlignment(best.reverse ? backward : forward, truth, distance, best);
+    if (best.reverse) {
+        std::reverse(best.charges.begin(), best.charges.end());
+    }
+    return best;
+}
+
+AlignmentCounts AlignToTruth(const std::string& call, const std::string& truth) {
+    return ChargeBases(call, truth).counts;
+}
+
+double PhredOf(double errors, double total) {
+    if (!(total > 0) || errors <= total * 1e-6) {
+        return 60.0;
+    }
+    return std::min(60.0, -10.0 * std::log10(errors / total));
+}
+
+bool QualityBins::Add(const std::string& quality, const std::vector<double>& charges) {
+    if (quality.size() != charges.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < quality.size(); ++i) {
+        const int q = std::max(0, static_cast<int>(static_cast<unsigned char>(quality[i])) - 33);
+        if (static_cast<std::size_t>(q) >= bases.size()) {
+            bases.resize(q + 1, 0);
+            errors.resize(q + 1, 0.0);
+        }
+        ++bases[q];
+        errors[q] += charges[i];
+    }
+    return true;
 }
 
 SetSummary Summarise(const std::string& name, std::vector<double> identities) {
@@ -132,8 +205,7 @@ SetSummary Summarise(const std::string& name, std::vector<double> identities) {
     s.median = quantile(0.5);
     s.p10 = quantile(0.1);
     s.mean = std::accumulate(identities.begin(), identities.end(), 0.0) / static_cast<double>(identities.size());
-    const double error = 1.0 - s.median;
-    s.median_qscore = error <= 1e-6 ? 60.0 : std::min(60.0, -10.0 * std::log10(error));
+    s.median_qscore = PhredOf(1.0 - s.median, 1.0);
     return s;
 }
 
