@@ -5,7 +5,8 @@
 #   3. run the single-strand step, which writes segmentation, moves and calls into the read files and
 #      the index that pairs are found in;
 #   4. call the pairs with basecaller_1d2 and the shipped workflow (selected by flow cell and kit);
-#   5. print the identities of single-strand and pair calls against the truth.
+#   5. print the accuracy report against the truth: pair yield and the failure messages of the log,
+#      identities of single-strand and pair calls, quality calibration and the pass/fail counts.
 # Everything lands in demo_out/ (replaced on each run).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -25,9 +26,7 @@ echo "== Pair calling"
 build/bin/basecaller_1d2 --flowcell KFC-R1A --kit KLK-D210 \
     --index_file "$OUT/single_strand/index_1d.tsv" --input_path "$OUT/data/reads" --save_path "$OUT/pairs" \
     --num_callers "$THREADS" --cpu_threads_per_caller 1 --qscore_filtering
-echo "== Identity against the truth"
-shopt -s nullglob
-pair_calls=("$OUT"/pairs/pass/*.fastq "$OUT"/pairs/fail/*.fastq "$OUT"/pairs/*.fastq)
-build/bin/evaluate_calls --truth "$OUT/data/truth.fasta" --pairs "$OUT/data/truth_pairs.tsv" \
-    --single "$OUT/single_strand/calls_1d.fastq" --pair_calls "${pair_calls[@]}" --json "$OUT/identity.json"
-echo "Outputs: $OUT/pairs (FASTQ, sequencing_summary.txt, telemetry, logs), $OUT/identity.json"
+echo "== Accuracy against the truth"
+/usr/bin/python3 tools/accuracy/accuracy_report.py --data "$OUT/data" --single_strand "$OUT/single_strand" \
+    --pairs "$OUT/pairs" --out "$OUT/report" --evaluate_calls build/bin/evaluate_calls
+echo "Outputs: $OUT/pairs (FASTQ, sequencing_summary.txt, telemetry, logs), $OUT/report (report.json, report.png)"

@@ -1,6 +1,7 @@
 // basecaller_1d: the single-strand step. It annotates raw read files the way the earlier single-strand
 // run that the pair caller builds on would have: segmentation, moves and calls in every read, and an
 // index of the reads for pairing.
+#include <cstdio>
 #include <iostream>
 #include <string>
 
@@ -17,6 +18,13 @@ namespace po = boost::program_options;
 using namespace TestBed;
 
 namespace {
+
+// A default as the help shows it: "4.6", not the float's full "4.5999999".
+std::string shortText(float value) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%g", value);
+    return text;
+}
 constexpr int kExitFailedReads = 2;
 
 Common::logging::LoggerOptions logOptions(const std::string& save_path, bool verbose) {
@@ -100,8 +108,10 @@ int main(int argc, char** argv) {
             "verbose", "more detail in the log file");
         po::options_description calling("Calling");
         calling.add_options()(
-            "qscore_offset", po::value(&opt.call.qscore_offset)->default_value(0.0f), "added to every quality score")(
-            "qscore_scale", po::value(&opt.call.qscore_scale)->default_value(1.0f), "multiplies every quality score")(
+            "qscore_offset", po::value(&opt.call.qscore_offset)->default_value(TestBed::kCalibratedQscoreOffset, shortText(TestBed::kCalibratedQscoreOffset)),
+            "added to every quality score (the default is fitted to the shipped model)")(
+            "qscore_scale", po::value(&opt.call.qscore_scale)->default_value(TestBed::kCalibratedQscoreScale, shortText(TestBed::kCalibratedQscoreScale)),
+            "multiplies every quality score (the default is fitted to the shipped model)")(
             "stay_penalty", po::value(&opt.call.stay_penalty)->default_value(1.0f),
             "scales the model's stay probability (1: neutral)")(
             "homopolymer_correct", po::bool_switch(&opt.call.homopolymer_correct),

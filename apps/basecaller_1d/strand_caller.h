@@ -21,9 +21,15 @@
 
 namespace TestBed {
 
+// The shipped model's qualities, mapped so that a base printed as Q is wrong about 10^(-Q/10) of
+// the time: fitted on held-out simulated reads by tools/calibration/fit_qscores.py, whose record
+// (tools/calibration/qscore_calibration.json) a test holds these numbers to. Refit with a new model.
+constexpr float kCalibratedQscoreScale = 1.22f;
+constexpr float kCalibratedQscoreOffset = 4.6f;
+
 struct StrandCallSettings {
-    float qscore_offset = 0.0f;
-    float qscore_scale = 1.0f;
+    float qscore_offset = kCalibratedQscoreOffset;
+    float qscore_scale = kCalibratedQscoreScale;
     float stay_penalty = 1.0f;          // scales the transducer's stay column; 1 is neutral
     bool homopolymer_correct = false;   // recount bases inside homopolymer runs from their dwell
     float sampling_rate = 4000.0f;      // for event models only; raw models ignore it
