@@ -6,10 +6,13 @@
 //
 //   bench_nn_runner                         Call with path, quality data and stays (the pair pipeline's call)
 //   bench_nn_runner --benchmark_filter=Run  the layers alone, through the runner's buffers
+//   bench_nn_runner --benchmark_filter=Pair CallPair over two strands of 1000 output rows each, so
+//                                           the time per iteration covers 2000 rows
 
 #include <benchmark/benchmark.h>
 #include <cblas.h>
 
+#include <algorithm>
 #include <memory>
 #include <random>
 #include <vector>
@@ -112,6 +115,33 @@ void BM_NNRunnerCblasRun(benchmark::State& state) {
         benchmark::Counter(static_cast<double>(kRowsOut), benchmark::Counter::kIsIterationInvariantRate);
 }
 BENCHMARK(BM_NNRunnerCblasRun)->Unit(benchmark::kMillisecond);
+
+void BM_NNRunnerCblasCallPair(benchmark::State& state) {
+    auto model = representativeModel();
+    auto runner1 = model->CreateRunner(model, kSamples);
+    auto runner2 = model->CreateRunner(model, kSamples);
+    auto samples1 = rawSignal();
+    auto samples2 = samples1;
+    std::reverse(samples2.begin(), samples2.end());
+    const Common::VecView<float> raw1(samples1.data(), samples1.size(), 1);
+    const Common::VecView<float> raw2(samples2.data(), samples2.size(), 1);
+    Common::EventData<Common::Deep> events1, events2;
+    BasecallNN::TransProbs trans1, trans2;
+    for (auto _ : state) {
+        events1.resize(kRowsOut);
+        events2.resize(kRowsOut);
+        runner1->CallPair(*runner2, BasecallNN::StrandCall{events1, raw1, trans1},
+                          BasecallNN::StrandCall{events2, raw2, trans2}, 4000.0f, 1e-5f, true, true, false);
+        benchmark::DoNotOptimize(runner1->score);
+        benchmark::DoNotOptimize(runner2->score);
+    }
+    if (!(runner1->score > -1e30f) || !(runner2->score > -1e30f)) {
+        state.SkipWithError("the call failed");
+    }
+    state.counters["rows_per_second"] =
+        benchmark::Counter(2.0 * kRowsOut, benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(BM_NNRunnerCblasCallPair)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

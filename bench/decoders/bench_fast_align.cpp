@@ -92,10 +92,12 @@ BENCHMARK(BM_FastAlignLabels)
     ->Arg(static_cast<int>(KernelIsa::Scalar))
     ->Arg(static_cast<int>(KernelIsa::Sse2))
     ->Arg(static_cast<int>(KernelIsa::Avx2))
+    ->Arg(static_cast<int>(KernelIsa::Avx512))
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FastAlignFourLetters)
     ->Arg(static_cast<int>(KernelIsa::Sse2))
     ->Arg(static_cast<int>(KernelIsa::Avx2))
+    ->Arg(static_cast<int>(KernelIsa::Avx512))
     ->Unit(benchmark::kMillisecond);
 
 #ifdef KVX_HAVE_KSW2

@@ -69,10 +69,11 @@ ChunkCallerMDCpu::ChunkCallerMDCpu(std::uint64_t threads, std::uint64_t chunk_si
         resources.push_back(std::make_unique<Resources>());
         Resources& r = *resources.back();
         r.runner = caller->CreateRunner(caller, inputRows);
+        r.runner2 = caller->CreateRunner(caller, inputRows);
         r.runner->normaliseRaw = false;  // chunks arrive already scaled
+        r.runner2->normaliseRaw = false;
         r.decoder = std::make_shared<BasecallMD::ViterbiMD>(maxNodes, static_cast<int>(maxEvents),
                                                             static_cast<int>(numStates), 0.0f, 0.0f);
-        r.post1.reserve(maxEvents * numStates);
         r.post2.reserve(maxEvents * numStates);
         r.stay1.reserve(maxEvents);
         r.stay2.reserve(maxEvents);
@@ -115,36 +116,20 @@ ChunkCallerMDCpu::Timing ChunkCallerMDCpu::Timings() const {
     return t;
 }
 
-bool ChunkCallerMDCpu::callStrand(Resources& r, Common::EventData<Common::Deep>& events,
-                                  const Common::VecView<float>& samples, bool second, std::vector<float>& post,
-                                  std::vector<float>& stay, float& skip, std::uint64_t& rows) {
-    BasecallNN::TransProbs trans;
-    BasecallNN::NNRunner& runner = *r.runner;
-    runner.Call(events, samples, 4000.0f, trans, 1e-5f, -1, -1, true, true, false);
+float* ChunkCallerMDCpu::takeStrand(const BasecallNN::NNRunner& runner, const BasecallNN::TransProbs& trans,
+                                    bool second, std::vector<float>& post, std::vector<float>& stay,
+                                    float& skip, std::uint64_t& rows) {
     if (runner.score == -std::numeric_limits<float>::infinity()) {
-        return false;
+        return nullptr;
     }
     const Common::MatView<float>& p = runner.posteriors;
     rows = p.rows;
     const std::uint64_t cols = p.cols;
-    if (cols != numStates) {
+    if (cols != numStates || p.colStride != 1) {
         throw std::runtime_error("Unexpected size of posterior matrix.");
     }
-    post.resize(rows * cols);
     stay.resize(rows);
     for (std::uint64_t i = 0; i < rows; ++i) {
-        float* out = post.data() + i * cols;
-        if (!second) {
-            for (std::uint64_t c = 0; c < cols; ++c) {
-                out[c] = p(i, c);
-            }
-        } else {
-            // Row i of strand 2 read backward, each state replaced by its reverse complement.
-            const std::uint64_t from = rows - 1 - i;
-            for (std::uint64_t c = 0; c < cols; ++c) {
-                out[c] = p(from, static_cast<std::uint64_t>(complementState[c]));
-            }
-        }
         if (isTransducer) {
             stay[i] = 1.0f - runner.weights[second ? rows - 1 - i : i];
         } else {
@@ -155,7 +140,27 @@ bool ChunkCallerMDCpu::callStrand(Resources& r, Common::EventData<Common::Deep>&
     if (isTransducer) {
         skip *= 0.002f;
     }
-    return true;
+    // Strand 1's rows are used where the runner left them (dense after the stay column went), with
+    // no copy of a matrix larger than the cache.
+    const bool dense = p.rowStride == static_cast<std::int64_t>(cols);
+    if (!second && dense) {
+        return p.data;
+    }
+    post.resize(rows * cols);
+    const int* complement = complementState.data();
+    for (std::uint64_t i = 0; i < rows; ++i) {
+        float* out = post.data() + i * cols;
+        if (!second) {
+            std::copy_n(p.data + static_cast<std::int64_t>(i) * p.rowStride, cols, out);
+        } else {
+            // Row i of strand 2 read backward, each state replaced by its reverse complement.
+            const float* from = p.data + static_cast<std::int64_t>(rows - 1 - i) * p.rowStride;
+            for (std::uint64_t c = 0; c < cols; ++c) {
+                out[c] = from[complement[c]];
+            }
+        }
+    }
+    return post.data();
 }
 
 void ChunkCallerMDCpu::callPair(ChunkDataMD& c, Resources& r) {
@@ -199,8 +204,13 @@ void ChunkCallerMDCpu::callPair(ChunkDataMD& c, Resources& r) {
     std::uint64_t rows1 = 0, rows2 = 0;
     r.events += n1 + n2;
     const auto networkStart = std::chrono::steady_clock::now();
-    const bool called = callStrand(r, r.events1, samples1, false, r.post1, r.stay1, skip1, rows1) &&
-                        callStrand(r, r.events2, samples2, true, r.post2, r.stay2, skip2, rows2);
+    BasecallNN::TransProbs trans1, trans2;
+    r.runner->CallPair(*r.runner2, BasecallNN::StrandCall{r.events1, samples1, trans1},
+                       BasecallNN::StrandCall{r.events2, samples2, trans2}, 4000.0f, 1e-5f, true, true, false);
+    float* rows1Data = takeStrand(*r.runner, trans1, false, r.post1, r.stay1, skip1, rows1);
+    float* rows2Data =
+        rows1Data != nullptr ? takeStrand(*r.runner2, trans2, true, r.post2, r.stay2, skip2, rows2) : nullptr;
+    const bool called = rows2Data != nullptr;
     r.networkNs += nanosSince(networkStart);
     if (!called) {
         return;
@@ -216,8 +226,8 @@ void ChunkCallerMDCpu::callPair(ChunkDataMD& c, Resources& r) {
     BasecallMD::buildBand(path, band_size, r.bandStart, r.bandEnd);
 
     const auto cols = static_cast<std::int64_t>(numStates);
-    Common::MatView<float> post1(r.post1.data(), rows1, numStates, cols, 1);
-    Common::MatView<float> post2(r.post2.data(), rows2, numStates, cols, 1);
+    Common::MatView<float> post1(rows1Data, rows1, numStates, cols, 1);
+    Common::MatView<float> post2(rows2Data, rows2, numStates, cols, 1);
     const Common::VecView<float> stay1(r.stay1.data(), rows1, 1);
     const Common::VecView<float> stay2(r.stay2.data(), rows2, 1);
     const auto decodeStart = std::chrono::steady_clock::now();
@@ -230,27 +240,49 @@ void ChunkCallerMDCpu::callPair(ChunkDataMD& c, Resources& r) {
     }
 
     // One row per step of the joint path: a step on both strands takes the normalised product of
-    // their rows, a step on one strand that strand's row.
+    // their rows, a step on one strand that strand's row. Each product row's sum is one chain of
+    // dependent adds in state order, so the rows go in blocks whose chains run side by side.
     r.merged.resize(steps * numStates);
-    for (std::uint64_t s = 0; s < steps; ++s) {
-        const int a = r.alignment[s].first;
-        const int b = r.alignment[s].second;
-        float* out = r.merged.data() + s * numStates;
-        if (a == -1) {
-            std::copy_n(r.post2.data() + static_cast<std::uint64_t>(b) * numStates, numStates, out);
-        } else if (b == -1) {
-            std::copy_n(r.post1.data() + static_cast<std::uint64_t>(a) * numStates, numStates, out);
-        } else {
-            const float* x = r.post1.data() + static_cast<std::uint64_t>(a) * numStates;
-            const float* y = r.post2.data() + static_cast<std::uint64_t>(b) * numStates;
-            float sum = 0.0f;
-            for (std::uint64_t k = 0; k < numStates; ++k) {
-                out[k] = x[k] * y[k];
-                sum += out[k];
+    constexpr std::uint64_t kBlock = 8;
+    for (std::uint64_t first = 0; first < steps; first += kBlock) {
+        const std::uint64_t count = std::min(kBlock, steps - first);
+        float* product[kBlock];
+        std::uint64_t products = 0;
+        for (std::uint64_t s = first; s < first + count; ++s) {
+            const int a = r.alignment[s].first;
+            const int b = r.alignment[s].second;
+            float* out = r.merged.data() + s * numStates;
+            if (a == -1) {
+                std::copy_n(rows2Data + static_cast<std::uint64_t>(b) * numStates, numStates, out);
+            } else if (b == -1) {
+                std::copy_n(rows1Data + static_cast<std::uint64_t>(a) * numStates, numStates, out);
+            } else {
+                const float* x = rows1Data + static_cast<std::uint64_t>(a) * numStates;
+                const float* y = rows2Data + static_cast<std::uint64_t>(b) * numStates;
+                for (std::uint64_t k = 0; k < numStates; ++k) {
+                    out[k] = x[k] * y[k];
+                }
+                product[products++] = out;
             }
-            const float inverse = 1.0f / sum;
+        }
+        float sum[kBlock] = {};
+        if (products == kBlock) {
             for (std::uint64_t k = 0; k < numStates; ++k) {
-                out[k] *= inverse;
+                for (std::uint64_t j = 0; j < kBlock; ++j) {
+                    sum[j] += product[j][k];
+                }
+            }
+        } else {
+            for (std::uint64_t j = 0; j < products; ++j) {
+                for (std::uint64_t k = 0; k < numStates; ++k) {
+                    sum[j] += product[j][k];
+                }
+            }
+        }
+        for (std::uint64_t j = 0; j < products; ++j) {
+            const float inverse = 1.0f / sum[j];
+            for (std::uint64_t k = 0; k < numStates; ++k) {
+                product[j][k] *= inverse;
             }
         }
     }

@@ -1,17 +1,17 @@
 #pragma once
-// The processor chunk caller of strand pairs. Each worker runs the network once per strand, turns
-// strand 2's posteriors around (reversed in time and complemented, so both strands read the same way
-// on the same strand), lays a band around the prior map and decodes both with the two-dimensional
-// Viterbi. The merged posteriors along the joint path give bases and qualities.
+// The processor chunk caller of strand pairs. Each worker runs the network over both strands at once
+// (a runner for each, the recurrent layers stepping them together), turns strand 2's posteriors
+// around (reversed in time and complemented, so both strands read the same way on the same strand),
+// lays a band around the prior map and decodes both with the two-dimensional Viterbi. The merged
+// posteriors along the joint path give bases and qualities.
 //
 // Raw models take the chunk's samples, stride by stride; event models take the events that the
 // detector finds in them (settings from SetEventDetection).
 //
 // Memory: every runner and decoder is allocated up front at its full size. Each worker's decoder
 // holds maxEvents * 5 * band_size band cells of 3 * 4^k integers (pages it never reaches stay
-// uncommitted), and the runner's buffers are sized for maxEvents input events (times the stride in
-// samples for a raw model). Steady running
-// allocates only the chunk's own results.
+// uncommitted), and each of its two runners' buffers is sized for maxEvents input events (times the
+// stride in samples for a raw model). Steady running allocates only the chunk's own results.
 
 #include <atomic>
 #include <cstdint>
@@ -75,7 +75,7 @@ protected:
 private:
     // One worker's runner, decoder and scratch.
     struct Resources {
-        std::shared_ptr<BasecallNN::NNRunner> runner;
+        std::shared_ptr<BasecallNN::NNRunner> runner, runner2;  // strand 1, strand 2
         std::shared_ptr<BasecallMD::ViterbiMD> decoder;
         Common::EventData<Common::Deep> events1, events2;
         std::vector<float> post1, post2, stay1, stay2, merged, quality;
@@ -86,10 +86,11 @@ private:
     };
 
     void callPair(ChunkDataMD& chunk, Resources& r);
-    // Runs the network on one strand and copies its posteriors (rows by states, dense) into `post`,
-    // reversed and complemented for strand 2. False when the call failed.
-    bool callStrand(Resources& r, Common::EventData<Common::Deep>& events, const Common::VecView<float>& samples,
-                    bool second, std::vector<float>& post, std::vector<float>& stay, float& skip, std::uint64_t& rows);
+    // A strand's stays and skip from its call, and its posteriors (rows by states, dense): the
+    // runner's own rows for strand 1, a copy in `post` reversed and complemented for strand 2. Null
+    // when the call failed.
+    float* takeStrand(const BasecallNN::NNRunner& runner, const BasecallNN::TransProbs& trans, bool second,
+                      std::vector<float>& post, std::vector<float>& stay, float& skip, std::uint64_t& rows);
 
     std::shared_ptr<const BasecallNN::NNCaller> caller;
     std::vector<std::unique_ptr<Resources>> resources;

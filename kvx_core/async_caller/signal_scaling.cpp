@@ -30,6 +30,8 @@ ScalingKernels GetScalingKernels(BasecallCommon::KernelIsa isa) {
             return {ToPicoampsSse2, ShiftAndScaleSse2};
         case BasecallCommon::KernelIsa::Avx2:
             return {ToPicoampsAvx2, ShiftAndScaleAvx2};
+        case BasecallCommon::KernelIsa::Avx512:
+            return {ToPicoampsAvx512, ShiftAndScaleAvx512};
     }
     return {nullptr, nullptr};
 }

@@ -32,6 +32,8 @@ void ToPicoampsSse2(const std::int16_t* raw, std::uint64_t n, std::int16_t offse
 void ShiftAndScaleSse2(float* x, std::uint64_t n, float shift, float factor);
 void ToPicoampsAvx2(const std::int16_t* raw, std::uint64_t n, std::int16_t offset, float scale, float* out);
 void ShiftAndScaleAvx2(float* x, std::uint64_t n, float shift, float factor);
+void ToPicoampsAvx512(const std::int16_t* raw, std::uint64_t n, std::int16_t offset, float scale, float* out);
+void ShiftAndScaleAvx512(float* x, std::uint64_t n, float shift, float factor);
 }  // namespace detail
 
 }  // namespace AsyncCaller

@@ -201,11 +201,13 @@ Softmax::Softmax(const Common::MatView<const float>& W_, const Common::VecView<c
 void Softmax::Process(const Common::MatView<float>& in, Common::MatView<float>& out, float*) const {
     dense(in, W, out);
     const kernels::KernelSet& k = kernels::Active();
+    // Each row goes through all three steps while it is in cache: a chunk's posteriors are larger
+    // than the cache, and a second sweep would read them all from memory again.
     eachRow(out, [&](const Common::VecView<float>& row) {
         elementAdd(row, bias.view);
         k.expPlus(row.data, row.size, 1e-6f);
+        normalizeVector(row);
     });
-    eachRow(out, [&](const Common::VecView<float>& row) { normalizeVector(row); });
 }
 
 GlobalNormTwoState::GlobalNormTwoState(const Common::MatView<const float>& W_,
@@ -248,6 +250,19 @@ void Bidir<T>::Process(const Common::MatView<float>& in, Common::MatView<float>&
         out.submatrix(0, split, out.rows, static_cast<std::uint64_t>(backwardLayer->outSize));
     forwardLayer->Process(in, forwardOut, scratch);
     backwardLayer->Process(in, backwardOut, scratch);
+}
+
+template <typename T>
+void Bidir<T>::ProcessPair(const Common::MatView<float>& in1, Common::MatView<float>& out1,
+                           const Common::MatView<float>& in2, Common::MatView<float>& out2, float* scratch) const {
+    const auto split = static_cast<std::uint64_t>(forwardLayer->outSize);
+    const auto backward = static_cast<std::uint64_t>(backwardLayer->outSize);
+    Common::MatView<float> forward1 = out1.submatrix(0, 0, out1.rows, split);
+    Common::MatView<float> forward2 = out2.submatrix(0, 0, out2.rows, split);
+    Common::MatView<float> backward1 = out1.submatrix(0, split, out1.rows, backward);
+    Common::MatView<float> backward2 = out2.submatrix(0, split, out2.rows, backward);
+    forwardLayer->ProcessPair(in1, forward1, in2, forward2, scratch);
+    backwardLayer->ProcessPair(in1, backward1, in2, backward2, scratch);
 }
 
 template <typename T>

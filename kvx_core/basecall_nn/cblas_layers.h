@@ -115,17 +115,23 @@ public:
     // residual adds the layer's input to its output and needs inSize == outSize.
     Gru(int inSize, int outSize, const GruParams& params, bool resetAfterProduct, bool reverse, bool residual);
     void Process(const Common::MatView<float>& in, Common::MatView<float>& out, float* scratch) const override;
-    // h (P), gates (3 P), t (P), x (inSize rounded up to 8).
+    // Steps both strands together; each result is what Process gives it.
+    void ProcessPair(const Common::MatView<float>& in1, Common::MatView<float>& out1,
+                     const Common::MatView<float>& in2, Common::MatView<float>& out2, float* scratch) const override;
+    // Per strand, for two: a block of input products (256 rows of the gate vector, padded to 8), h
+    // and the recurrent product; the same for any number of rows.
     int ScratchSize(int rows) const override;
 
     const int paddedGates;
     OwnedMatrix Wx;    // inSize by (paddedGates + H); padding columns are zero
-    OwnedMatrix Wh;    // H by 2 H: reset, update
-    OwnedMatrix Wn;    // H by H: candidate
+    OwnedMatrix Wh;    // H by (paddedGates + H): reset, update, zero padding, candidate (Wn)
     OwnedVector bias;  // paddedGates + H
     const bool forward;
     const bool resetAfterProduct;
     const bool residual;
+
+private:
+    void run(const Common::MatView<float>* in, Common::MatView<float>* out, int strands, float* scratch) const;
 };
 
 // Both directions of a recurrent layer over the same input: the forward half writes the first
@@ -135,6 +141,8 @@ class Bidir : public CblasLayer {
 public:
     Bidir(std::unique_ptr<T> forwardLayer, std::unique_ptr<T> backwardLayer);
     void Process(const Common::MatView<float>& in, Common::MatView<float>& out, float* scratch) const override;
+    void ProcessPair(const Common::MatView<float>& in1, Common::MatView<float>& out1,
+                     const Common::MatView<float>& in2, Common::MatView<float>& out2, float* scratch) const override;
     int ScratchSize(int rows) const override;
 
     const std::unique_ptr<const T> forwardLayer;

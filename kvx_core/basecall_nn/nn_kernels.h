@@ -1,6 +1,7 @@
 #pragma once
-// Element-wise kernels of the layers, built once per instruction set (nn_kernels_base.cpp for the
-// x86-64 baseline, nn_kernels_avx2.cpp for AVX2 with FMA) from one source, nn_kernels_impl.h. The
+// Element-wise kernels of the layers and the recurrent layers' matrix-vector product, built once per
+// instruction set (nn_kernels_base.cpp for the x86-64 baseline, nn_kernels_avx2.cpp for AVX2 with FMA,
+// nn_kernels_avx512.cpp for AVX-512 F, BW and VL) from one source, nn_kernels_impl.h. The
 // exponential and the hyperbolic tangent are glibc's vector forms (libmvec), reached through the
 // compiler's OpenMP SIMD support; there is no approximation of our own. Best() asks the processor
 // once and hands out the best set; Available() lists every set this machine can run, so tests can
@@ -13,7 +14,7 @@ namespace BasecallNN {
 namespace kernels {
 
 struct KernelSet {
-    const char* name;  // "default" or "avx2"
+    const char* name;  // "default", "avx2" or "avx512"
     // In-place activations over n floats.
     void (*tanh)(float* x, std::size_t n);
     void (*sigmoid)(float* x, std::size_t n);  // 1 / (1 + exp(-x))
@@ -28,7 +29,18 @@ struct KernelSet {
     void (*product)(float* out, const float* a, const float* b, std::size_t n);   // out = a * b
     // h = z * (h - c) + c, the GRU state update.
     void (*interpolate)(float* h, const float* z, const float* c, std::size_t n);
+    // y[v] = W^T x[v], or y[v] += W^T x[v] when add is set, for each of count (1 to kMaxVectors)
+    // vectors: W has k rows of n floats, ldw floats apart; x[v] has k entries, y[v] n. Every output is
+    // summed over the rows of W in order, from zero, each product rounded before it is added (and the
+    // sum then added to y[v] in add mode), so a vector's result is the same in every set and whether
+    // it is multiplied alone or beside another: the recurrent layers step two strands at once with it
+    // and must give what they give for each strand alone.
+    void (*matVec)(const float* W, std::size_t ldw, std::size_t k, std::size_t n, const float* const* x,
+                   float* const* y, std::size_t count, bool add);
 };
+
+// Most vectors one matVec call takes.
+constexpr std::size_t kMaxVectors = 2;
 
 // The baseline set; runs on every x86-64 processor.
 const KernelSet& Baseline();

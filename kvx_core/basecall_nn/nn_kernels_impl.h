@@ -1,5 +1,5 @@
 #pragma once
-// One source for the element-wise kernels, included by exactly one translation unit per instruction
+// One source for the kernels, included by exactly one translation unit per instruction
 // set; the units differ only in their compiler flags. Everything here has internal linkage so that
 // the linker can never swap an AVX2 body in for the baseline one.
 //
@@ -12,6 +12,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 
 #include "basecall_nn/nn_kernels.h"
 
@@ -115,9 +116,115 @@ void kInterpolate(float* h, const float* z, const float* c, std::size_t n) {
     }
 }
 
+// The matrix-vector product works on GCC's generic vectors as wide as the unit's instruction set
+// allows; with -ffp-contract=off "acc += x * w" stays a rounded product and a rounded sum.
+#if defined(__AVX512F__)
+constexpr std::size_t kLanes = 16;
+constexpr std::size_t kRegisters = 32;
+#elif defined(__AVX__)
+constexpr std::size_t kLanes = 8;
+constexpr std::size_t kRegisters = 16;
+#else
+constexpr std::size_t kLanes = 4;
+constexpr std::size_t kRegisters = 16;
+#endif
+typedef float Lanes __attribute__((vector_size(kLanes * sizeof(float))));
+
+inline Lanes loadLanes(const float* p) {
+    Lanes v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+inline void storeLanes(float* p, Lanes v) { std::memcpy(p, &v, sizeof v); }
+// s in every lane: the scalar minus a vector of zeros is the scalar exactly, and compiles to a broadcast.
+inline Lanes broadcast(float s) { return s - Lanes{}; }
+
+// Columns [j, j + B * kLanes) of V vectors: B * V accumulators stay in registers through the rows.
+template <std::size_t V, std::size_t B>
+void matVecBlock(const float* W, std::size_t ldw, std::size_t k, std::size_t j, const float* const* x,
+                 float* const* y, bool add) {
+    Lanes acc[V][B];
+#pragma GCC unroll 2
+    for (std::size_t v = 0; v < V; ++v) {
+#pragma GCC unroll 16
+        for (std::size_t b = 0; b < B; ++b) {
+            acc[v][b] = Lanes{};
+        }
+    }
+    for (std::size_t i = 0; i < k; ++i) {
+        const float* w = W + i * ldw + j;
+        Lanes wv[B];
+#pragma GCC unroll 16
+        for (std::size_t b = 0; b < B; ++b) {
+            wv[b] = loadLanes(w + b * kLanes);
+        }
+#pragma GCC unroll 2
+        for (std::size_t v = 0; v < V; ++v) {
+            const Lanes xv = broadcast(x[v][i]);
+#pragma GCC unroll 16
+            for (std::size_t b = 0; b < B; ++b) {
+                acc[v][b] += xv * wv[b];
+            }
+        }
+    }
+#pragma GCC unroll 2
+    for (std::size_t v = 0; v < V; ++v) {
+#pragma GCC unroll 16
+        for (std::size_t b = 0; b < B; ++b) {
+            float* out = y[v] + j + b * kLanes;
+            storeLanes(out, add ? loadLanes(out) + acc[v][b] : acc[v][b]);
+        }
+    }
+}
+
+// Whole vectors of columns from j on, `vectors` of them: blocks of B, then halves of B for the rest.
+template <std::size_t V, std::size_t B>
+std::size_t matVecColumns(const float* W, std::size_t ldw, std::size_t k, std::size_t j, std::size_t vectors,
+                          const float* const* x, float* const* y, bool add) {
+    for (; vectors >= B; vectors -= B, j += B * kLanes) {
+        matVecBlock<V, B>(W, ldw, k, j, x, y, add);
+    }
+    if constexpr (B > 1) {
+        return matVecColumns<V, B / 2>(W, ldw, k, j, vectors, x, y, add);
+    }
+    return j;
+}
+
+template <std::size_t V>
+void matVecOf(const float* W, std::size_t ldw, std::size_t k, std::size_t n, const float* const* x,
+              float* const* y, bool add) {
+    // Three quarters of the registers hold accumulators: many independent sums hide the adds'
+    // latency, and the rest is room for a product and the broadcast inputs (the weights are read
+    // from memory by the multiplies). Widths of 12 and 6 vectors fit the gate vectors of the usual
+    // layer sizes without a narrow, latency-bound remainder.
+    constexpr std::size_t kBlock = kRegisters * 3 / 4 / V;
+    const std::size_t j = matVecColumns<V, kBlock>(W, ldw, k, 0, n / kLanes, x, y, add);
+    // Columns past the last whole vector, one at a time in the same order.
+    for (std::size_t c = j; c < n; ++c) {
+        for (std::size_t v = 0; v < V; ++v) {
+            float acc = 0.0f;
+            for (std::size_t i = 0; i < k; ++i) {
+                acc += x[v][i] * W[i * ldw + c];
+            }
+            y[v][c] = add ? y[v][c] + acc : acc;
+        }
+    }
+}
+
+void kMatVec(const float* W, std::size_t ldw, std::size_t k, std::size_t n, const float* const* x, float* const* y,
+             std::size_t count, bool add) {
+    static_assert(BasecallNN::kernels::kMaxVectors == 2, "matVec has forms for one and two vectors");
+    if (count == 2) {
+        matVecOf<2>(W, ldw, k, n, x, y, add);
+    } else if (count == 1) {
+        matVecOf<1>(W, ldw, k, n, x, y, add);
+    }
+}
+
 constexpr BasecallNN::kernels::KernelSet MakeKernelSet(const char* name) {
-    return BasecallNN::kernels::KernelSet{name,     kTanh,         kSigmoid, kRelu,    kElu,        kExpPlus,
-                                          kScaledTanh, kAdd,       kMultiply, kAddMultiply, kProduct, kInterpolate};
+    return BasecallNN::kernels::KernelSet{name,        kTanh, kSigmoid,  kRelu,        kElu,     kExpPlus,
+                                          kScaledTanh, kAdd,  kMultiply, kAddMultiply, kProduct, kInterpolate,
+                                          kMatVec};
 }
 
 }  // namespace

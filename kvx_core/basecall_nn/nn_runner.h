@@ -24,6 +24,15 @@ struct TransProbs {
     float skip = 0.0f;
 };
 
+// The arguments of Call that belong to one strand of a CallPair.
+struct StrandCall {
+    Common::EventData<Common::Deep>& events;
+    Common::VecView<float> rawSamples;
+    TransProbs& transProbs;
+    int firstEvent = -1;
+    int lastEvent = -1;
+};
+
 class NNRunner {
 public:
     virtual ~NNRunner();
@@ -48,6 +57,12 @@ public:
     virtual void Call(Common::EventData<Common::Deep>& events, const Common::VecView<float>& rawSamples,
                       float sampleRate, TransProbs& transProbs, float minProb, int firstEvent, int lastEvent,
                       bool extractPath, bool shrink, bool homopolymerCorrect) = 0;
+    // Calls two strands: this runner does `one` as Call would, `second` (a runner of the same network,
+    // and not this one) does `two`, each with exactly the results of its own Call. A runner may run
+    // the network's layers over both strands together where that is faster; this one makes the two
+    // Calls.
+    virtual void CallPair(NNRunner& second, const StrandCall& one, const StrandCall& two, float sampleRate,
+                          float minProb, bool extractPath, bool shrink, bool homopolymerCorrect);
 
     std::vector<float> weights;          // per kept event: 1 - P(no new base), or the row's mass
     std::vector<signed char> moves;      // per event: 0 stay, 1 step, 2 skip (up to k after a jump)

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 
 #include "basecall_nn/blas_helpers.h"
 #include "common/logger.h"
@@ -12,6 +14,14 @@
 namespace BasecallNN {
 
 NNRunner::~NNRunner() = default;
+
+void NNRunner::CallPair(NNRunner& second, const StrandCall& one, const StrandCall& two, float sampleRate,
+                        float minProb, bool extractPath, bool shrink, bool homopolymerCorrect) {
+    Call(one.events, one.rawSamples, sampleRate, one.transProbs, minProb, one.firstEvent, one.lastEvent, extractPath,
+         shrink, homopolymerCorrect);
+    second.Call(two.events, two.rawSamples, sampleRate, two.transProbs, minProb, two.firstEvent, two.lastEvent,
+                extractPath, shrink, homopolymerCorrect);
+}
 
 std::shared_ptr<NNRunner> NNCallerCblas::CreateRunner(std::shared_ptr<const NNCaller> self, int maxRows) const {
     KVX_LOG(verbose) << "Creating NNRunerCblas";
@@ -28,6 +38,36 @@ int paddedWidth(int width) { return static_cast<int>(Common::PaddedStride(static
 
 // Rows of a layer's output for rows in, never negative (a window longer than a short chunk).
 int outputRows(const CblasLayer& layer, int rows) { return std::max(0, layer.OutputRows(rows)); }
+
+// Sums of rows [first, first + count) of m over their first cols entries, each added in column order.
+// A row's sum is one chain of dependent adds, so up to kSumRows rows are summed side by side: their
+// chains overlap, each in its own order.
+constexpr std::size_t kSumRows = 8;
+void sumRows(const Common::MatView<float>& m, std::size_t first, std::size_t count, std::size_t cols, float* sums) {
+    if (count == kSumRows) {
+        const float* row[kSumRows];
+        float acc[kSumRows];
+        for (std::size_t j = 0; j < kSumRows; ++j) {
+            row[j] = m.data + static_cast<std::int64_t>(first + j) * m.rowStride;
+            acc[j] = 0.0f;
+        }
+        for (std::size_t c = 0; c < cols; ++c) {
+            for (std::size_t j = 0; j < kSumRows; ++j) {
+                acc[j] += row[j][c];
+            }
+        }
+        std::copy_n(acc, kSumRows, sums);
+        return;
+    }
+    for (std::size_t j = 0; j < count; ++j) {
+        const float* row = m.data + static_cast<std::int64_t>(first + j) * m.rowStride;
+        float sum = 0.0f;
+        for (std::size_t c = 0; c < cols; ++c) {
+            sum += row[c];
+        }
+        sums[j] = sum;
+    }
+}
 
 }  // namespace
 
@@ -72,28 +112,52 @@ Common::MatView<float> NNRunnerCblas::InputView() {
                                   static_cast<std::uint64_t>(width), paddedWidth(width), 1);
 }
 
-Common::MatView<float> NNRunnerCblas::Run(int rows) {
+NNRunnerCblas::Pass NNRunnerCblas::startPass(int rows) {
     Reserve(rows);
-    float* current = bufferA.data();
-    float* other = bufferB.data();
-    int r = rows;
-    Common::MatView<float> out;
+    return Pass{bufferA.data(), bufferB.data(), rows};
+}
+
+void NNRunnerCblas::layerViews(const CblasLayer& layer, Pass& pass, Common::MatView<float>& in,
+                               Common::MatView<float>& out) {
+    const int outRows = outputRows(layer, pass.rows);
+    in = Common::MatView<float>(pass.current, static_cast<std::uint64_t>(preparedRows),
+                                static_cast<std::uint64_t>(layer.inSize), paddedWidth(layer.inSize), 1)
+             .submatrix(0, 0, static_cast<std::uint64_t>(pass.rows), static_cast<std::uint64_t>(layer.inSize));
+    const std::size_t otherSize = pass.other == bufferA.data() ? bufferA.size() : bufferB.size();
+    const std::uint64_t capacity = otherSize / static_cast<std::size_t>(paddedWidth(layer.outSize));
+    out = Common::MatView<float>(pass.other, capacity, static_cast<std::uint64_t>(layer.outSize),
+                                 paddedWidth(layer.outSize), 1)
+              .submatrix(0, 0, static_cast<std::uint64_t>(outRows), static_cast<std::uint64_t>(layer.outSize));
+    std::swap(pass.current, pass.other);
+    pass.rows = outRows;
+}
+
+Common::MatView<float> NNRunnerCblas::Run(int rows) {
+    Pass pass = startPass(rows);
+    Common::MatView<float> in, out;
     for (const auto& layer : caller->Layers()) {
-        const int outRows = outputRows(*layer, r);
-        const Common::MatView<float> in =
-            Common::MatView<float>(current, static_cast<std::uint64_t>(preparedRows),
-                                   static_cast<std::uint64_t>(layer->inSize), paddedWidth(layer->inSize), 1)
-                .submatrix(0, 0, static_cast<std::uint64_t>(r), static_cast<std::uint64_t>(layer->inSize));
-        const std::size_t otherSize = other == bufferA.data() ? bufferA.size() : bufferB.size();
-        const std::uint64_t capacity = otherSize / static_cast<std::size_t>(paddedWidth(layer->outSize));
-        out = Common::MatView<float>(other, capacity, static_cast<std::uint64_t>(layer->outSize),
-                                     paddedWidth(layer->outSize), 1)
-                  .submatrix(0, 0, static_cast<std::uint64_t>(outRows), static_cast<std::uint64_t>(layer->outSize));
+        layerViews(*layer, pass, in, out);
         layer->Process(in, out, scratch.data());
-        std::swap(current, other);
-        r = outRows;
     }
     return out;
+}
+
+std::pair<Common::MatView<float>, Common::MatView<float>> NNRunnerCblas::RunPair(NNRunnerCblas& second, int rows1,
+                                                                                 int rows2) {
+    if (&second == this || second.caller != caller) {
+        throw std::runtime_error("RunPair needs a second runner of the same network.");
+    }
+    // Each layer's scratch covers two strands of up to the rows reserved for, in this runner.
+    Reserve(std::max(rows1, rows2));
+    Pass pass1 = startPass(rows1);
+    Pass pass2 = second.startPass(rows2);
+    Common::MatView<float> in1, out1, in2, out2;
+    for (const auto& layer : caller->Layers()) {
+        layerViews(*layer, pass1, in1, out1);
+        second.layerViews(*layer, pass2, in2, out2);
+        layer->ProcessPair(in1, out1, in2, out2, scratch.data());
+    }
+    return {out1, out2};
 }
 
 void NNRunnerCblas::computeFeaturesRaw(const Common::VecView<float>& rawSamples) {
@@ -207,8 +271,14 @@ std::size_t NNRunnerCblas::ShrinkPosteriors(Common::EventData<Depth>& events, in
     removed.clear();
     float* data = posteriors.data;
     std::size_t kept = 0;
+    float sums[kSumRows];
     for (std::size_t r = 0; r < posteriors.rows; ++r) {
-        const float* src = data + static_cast<std::int64_t>(r) * posteriors.rowStride;
+        float* src = data + static_cast<std::int64_t>(r) * posteriors.rowStride;
+        // The sums of the next block of rows, taken before any of them is written: kept <= r dense
+        // rows of cols <= rowStride entries end at or before the start of row r.
+        if (r % kSumRows == 0) {
+            sumRows(posteriors, r, std::min(kSumRows, posteriors.rows - r), cols, sums);
+        }
         bool drop = false;
         if (static_cast<std::int64_t>(r) >= first && static_cast<std::int64_t>(r) < last) {
             if (isTransducer) {
@@ -228,25 +298,22 @@ std::size_t NNRunnerCblas::ShrinkPosteriors(Common::EventData<Depth>& events, in
             removed.push_back(static_cast<int>(r));
             continue;
         }
-        // Row `kept` of the dense result starts at or before row r of the source, and every element is
-        // read before the write that could reach it, so compaction in place is safe.
+        // Row `kept` of the dense result starts at or before row r of the source and may overlap it,
+        // but ends before row r + 1: the row is renormalised where it is, then moved.
         float* dst = data + kept * cols;
-        float sum = 0.0f;
-        for (std::size_t c = 0; c < cols; ++c) {
-            sum += src[c];
-        }
+        const float sum = sums[r % kSumRows];
         if (!isTransducer) {
             weights.push_back(sum);
         }
         if (renormalise) {
             const float denominator = sum + static_cast<float>(cols) * p;
+#pragma omp simd
             for (std::size_t c = 0; c < cols; ++c) {
-                dst[c] = (src[c] + p) / denominator;
+                src[c] = (src[c] + p) / denominator;
             }
-        } else if (dst != src) {
-            for (std::size_t c = 0; c < cols; ++c) {
-                dst[c] = src[c];
-            }
+        }
+        if (dst != src) {
+            std::memmove(dst, src, sizeof(float) * cols);
         }
         if (moveStates) {
             states[kept] = states[r];
@@ -302,6 +369,8 @@ bool NNRunnerCblas::decodeTransducer(TransProbs& transProbs, bool extractPath, b
         const float b = posteriors(i, last);
         float* row = posteriors.data + static_cast<std::int64_t>(i) * posteriors.rowStride;
         const float* prev = row - posteriors.rowStride;
+        // Two distinct rows: no entry of one is an entry of the other.
+#pragma omp simd
         for (std::size_t s = 0; s < last; ++s) {
             row[s] += prev[s] * b;
         }
@@ -378,10 +447,34 @@ void NNRunnerCblas::fail(Common::EventData<Common::Deep>& events) {
 void NNRunnerCblas::Call(Common::EventData<Common::Deep>& events, const Common::VecView<float>& rawSamples,
                          float sampleRate, TransProbs& transProbs, float minProb, int firstEvent, int lastEvent,
                          bool extractPath, bool shrink, bool homopolymerCorrect) {
+    const int inputRows = beginCall(events, rawSamples, sampleRate, extractPath, shrink);
+    posteriors = Run(inputRows);
+    finishCall(events, transProbs, minProb, firstEvent, lastEvent, extractPath, shrink, homopolymerCorrect);
+}
+
+void NNRunnerCblas::CallPair(NNRunner& secondBase, const StrandCall& one, const StrandCall& two, float sampleRate,
+                             float minProb, bool extractPath, bool shrink, bool homopolymerCorrect) {
+    auto* second = dynamic_cast<NNRunnerCblas*>(&secondBase);
+    if (second == nullptr || second == this || second->caller != caller) {
+        NNRunner::CallPair(secondBase, one, two, sampleRate, minProb, extractPath, shrink, homopolymerCorrect);
+        return;
+    }
+    const int rows1 = beginCall(one.events, one.rawSamples, sampleRate, extractPath, shrink);
+    const int rows2 = second->beginCall(two.events, two.rawSamples, sampleRate, extractPath, shrink);
+    std::tie(posteriors, second->posteriors) = RunPair(*second, rows1, rows2);
+    finishCall(one.events, one.transProbs, minProb, one.firstEvent, one.lastEvent, extractPath, shrink,
+               homopolymerCorrect);
+    second->finishCall(two.events, two.transProbs, minProb, two.firstEvent, two.lastEvent, extractPath, shrink,
+                       homopolymerCorrect);
+}
+
+int NNRunnerCblas::beginCall(Common::EventData<Common::Deep>& events, const Common::VecView<float>& rawSamples,
+                             float sampleRate, bool extractPath, bool shrink) {
     KVX_LOG(trace) << "Invoking Call() with " << events.size() << " events";
     const int decodeType = caller->decode_type;
-    // A flip-flop model's label_state is 4, so the check passes for it too; its k is not used.
-    const int k = Common::KmerLengthFromStates(caller->label_state);
+    // A label state count that is no k-mer count fails here, before any work; a flip-flop model's
+    // label_state is 4, so the check passes for it too.
+    static_cast<void>(Common::KmerLengthFromStates(caller->label_state));
     KVX_LOG(trace) << "Model decode: " << DecodeTypeName(decodeType);
 
     weights.clear();
@@ -421,7 +514,14 @@ void NNRunnerCblas::Call(Common::EventData<Common::Deep>& events, const Common::
         computeFeaturesEvents(events, sampleRate);
         inputRows = static_cast<int>(events.size());
     }
-    posteriors = Run(inputRows);
+    return inputRows;
+}
+
+void NNRunnerCblas::finishCall(Common::EventData<Common::Deep>& events, TransProbs& transProbs, float minProb,
+                               int firstEvent, int lastEvent, bool extractPath, bool shrink,
+                               bool homopolymerCorrect) {
+    const int decodeType = caller->decode_type;
+    const int k = Common::KmerLengthFromStates(caller->label_state);  // unused for a flip-flop model
     if (posteriors.rows != events.size()) {
         throw std::runtime_error("The network gave " + std::to_string(posteriors.rows) + " rows for " +
                                  std::to_string(events.size()) + " events; the event data must have one event per "

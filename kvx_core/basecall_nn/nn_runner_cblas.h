@@ -7,6 +7,7 @@
 // calls of at most the reserved size allocate nothing.
 
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "basecall_nn/nn_caller_cblas.h"
@@ -29,6 +30,12 @@ public:
     void Call(Common::EventData<Common::Deep>& events, const Common::VecView<float>& rawSamples, float sampleRate,
               TransProbs& transProbs, float minProb, int firstEvent, int lastEvent, bool extractPath, bool shrink,
               bool homopolymerCorrect) override;
+    // Runs the layers over both strands together when `second` is an NNRunnerCblas of the same network.
+    void CallPair(NNRunner& second, const StrandCall& one, const StrandCall& two, float sampleRate, float minProb,
+                  bool extractPath, bool shrink, bool homopolymerCorrect) override;
+    // Run of this runner's first rows1 input rows and second's first rows2, the layers stepping both
+    // strands together; sets and returns each runner's output as its own Run would.
+    std::pair<Common::MatView<float>, Common::MatView<float>> RunPair(NNRunnerCblas& second, int rows1, int rows2);
 
     // Compacts the posterior rows in place: drops low-quality rows in [first, last) (for a transducer
     // those whose state is negative, otherwise those whose largest entry is the bucket column), keeps
@@ -43,6 +50,22 @@ public:
     int PreparedRows() const { return preparedRows; }
 
 private:
+    // Where one runner's rows are between layers: the buffer holding the last output, the other one,
+    // and the row count.
+    struct Pass {
+        float* current;
+        float* other;
+        int rows;
+    };
+    Pass startPass(int rows);
+    // The input and output views of layer for pass, and the pass moved on past it.
+    void layerViews(const CblasLayer& layer, Pass& pass, Common::MatView<float>& in, Common::MatView<float>& out);
+    // Call up to and after the network: clears the results, checks the arguments and fills the input
+    // (returning its rows); then decodes the posteriors.
+    int beginCall(Common::EventData<Common::Deep>& events, const Common::VecView<float>& rawSamples,
+                  float sampleRate, bool extractPath, bool shrink);
+    void finishCall(Common::EventData<Common::Deep>& events, TransProbs& transProbs, float minProb, int firstEvent,
+                    int lastEvent, bool extractPath, bool shrink, bool homopolymerCorrect);
     void computeFeaturesRaw(const Common::VecView<float>& rawSamples);
     void computeFeaturesEvents(const Common::EventData<Common::Deep>& events, float sampleRate);
     bool decodeTransducer(TransProbs& transProbs, bool extractPath, bool homopolymerCorrect);

@@ -40,6 +40,8 @@ AntiDiagonalKernel GetAntiDiagonalKernel(BasecallCommon::KernelIsa isa) {
             return &detail::AntiDiagonalSse2;
         case KernelIsa::Avx2:
             return &detail::AntiDiagonalAvx2;
+        case KernelIsa::Avx512:
+            return &detail::AntiDiagonalAvx512;
     }
     return nullptr;
 }

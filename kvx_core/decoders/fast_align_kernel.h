@@ -40,6 +40,7 @@ namespace detail {
 void AntiDiagonalScalar(const AntiDiagonalInterior& args);
 void AntiDiagonalSse2(const AntiDiagonalInterior& args);
 void AntiDiagonalAvx2(const AntiDiagonalInterior& args);
+void AntiDiagonalAvx512(const AntiDiagonalInterior& args);
 }  // namespace detail
 
 }  // namespace PairAlignment

@@ -1,10 +1,10 @@
 #pragma once
 // Row kernels of the one-dimensional decoder (Caller<N>): one event's step of the forward pass, the
 // backward pass and the Viterbi decode. Each kernel set is built from one source per instruction set
-// (hmm_kernels_impl.h, compiled in hmm_kernels_default.cpp and hmm_kernels_avx2.cpp); a plain scalar
-// reference (hmm_kernels_reference.cpp) states what they compute. Every variant gives bit-identical
-// results: row sums run in the same fixed order everywhere (eight lane sums, then a fixed tree), and
-// no variant contracts a multiply and an add.
+// (hmm_kernels_impl.h, compiled in hmm_kernels_default.cpp, hmm_kernels_avx2.cpp and
+// hmm_kernels_avx512.cpp); a plain scalar reference (hmm_kernels_reference.cpp) states what they
+// compute. Every variant gives bit-identical results: row sums run in the same fixed order everywhere
+// (eight lane sums, then a fixed tree), and no variant contracts a multiply and an add.
 //
 // State numbering: a state is a k-mer as a base-4 number, newest base in the least significant digit,
 // N = 4^k. A step to a new base maps p to (p mod N/4) * 4 + b, a skip maps p to (p mod N/16) * 16 + j.
@@ -70,6 +70,7 @@ struct KernelSet {
 const KernelSet* ReferenceKernels(int numStates);
 const KernelSet* DefaultKernels(int numStates);
 const KernelSet* Avx2Kernels(int numStates);
+const KernelSet* Avx512Kernels(int numStates);
 
 // The fastest set this processor can run, chosen once per state count.
 const KernelSet* SelectKernels(int numStates);

@@ -10,12 +10,18 @@ bool IsaSupported(KernelIsa isa) {
             return true;
         case KernelIsa::Avx2:
             return __builtin_cpu_supports("avx2");
+        case KernelIsa::Avx512:
+            // The kernels use byte and word lanes (BW) and 256-bit forms of the new instructions (VL).
+            return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                   __builtin_cpu_supports("avx512vl");
     }
     return false;
 }
 
 KernelIsa BestIsa() {
-    static const KernelIsa best = IsaSupported(KernelIsa::Avx2) ? KernelIsa::Avx2 : KernelIsa::Sse2;
+    static const KernelIsa best = IsaSupported(KernelIsa::Avx512) ? KernelIsa::Avx512
+                                  : IsaSupported(KernelIsa::Avx2) ? KernelIsa::Avx2
+                                                                  : KernelIsa::Sse2;
     return best;
 }
 
@@ -27,6 +33,8 @@ const char* IsaName(KernelIsa isa) {
             return "sse2";
         case KernelIsa::Avx2:
             return "avx2";
+        case KernelIsa::Avx512:
+            return "avx512";
     }
     return "unknown";
 }

@@ -22,16 +22,24 @@ constexpr std::int32_t kLogSixteenth = -277;
 // Score row of a predecessor that is not in the band.
 constexpr std::int32_t kUnreachable = -100000000;
 
-std::size_t roundUp8(std::size_t n) { return (n + 7) / 8 * 8; }
+// Integers of kernel scratch for W states: a score and a code row per direction.
+std::size_t scratchInts(std::size_t W) { return 3 * 2 * W; }
+
+// Bytes of one row's source summary: W/4 + W/16 best scores of 4 bytes and as many trace codes, with
+// each of the four arrays on a 64-byte boundary (W is a multiple of 256).
+std::size_t summaryBytes(std::size_t W) { return (W + W / 4 + W / 4 + W / 16 + 63) / 64 * 64; }
 
 }  // namespace
 
-void ViterbiMD::BufferDeleter::operator()(std::int32_t* p) const { std::free(p); }
+void ViterbiMD::BufferDeleter::operator()(void* p) const { std::free(p); }
 
 ViterbiMD::Buffer ViterbiMD::allocate(std::size_t count) {
-    // Not value-initialised on purpose: the node tables are sized for the widest band, and pages that
-    // a call never reaches should stay uncommitted.
-    return Buffer(Common::Allocator<std::int32_t, 32>().allocate(std::max<std::size_t>(count, 1)));
+    // Not value-initialised on purpose, like the trace (see the constructor).
+    return Buffer(Common::Allocator<std::int32_t, 64>().allocate(std::max<std::size_t>(count, 1)));
+}
+
+ViterbiMD::ByteBuffer ViterbiMD::allocateBytes(std::size_t count) {
+    return ByteBuffer(Common::Allocator<std::uint8_t, 64>().allocate(std::max<std::size_t>(count, 1)));
 }
 
 ViterbiMD::ViterbiMD(int maxNodes_, int maxEvents_, int numStates_, float skipProb1, float skipProb2)
@@ -46,16 +54,15 @@ ViterbiMD::ViterbiMD(int maxNodes_, int maxEvents_, int numStates_, float skipPr
                                  " events.");
     }
     rowStride = Common::PaddedStride(static_cast<std::size_t>(numStates));
+    traceStride = (static_cast<std::size_t>(numStates) + 63) / 64 * 64;
     const std::size_t N = static_cast<std::size_t>(numStates);
 
     nodes.resize(static_cast<std::size_t>(maxNodes));
-    nodePrevious = allocate(static_cast<std::size_t>(maxNodes) * rowStride);
-    nodeDirection = allocate(static_cast<std::size_t>(maxNodes) * rowStride);
-    nodeMove = allocate(static_cast<std::size_t>(maxNodes) * rowStride);
+    // Not value-initialised on purpose: the trace is sized for the widest band, and pages that a call
+    // never reaches should stay uncommitted.
+    nodeTrace = allocateBytes(static_cast<std::size_t>(maxNodes) * traceStride);
     // The start node: direction 3 is a stop that backTrace never reads, since the walk ends at node 0.
-    std::fill(direction(0), direction(0) + N, 3);
-    std::fill(previousState(0), previousState(0) + N, 0);
-    std::fill(moveCode(0), moveCode(0) + N, 0);
+    std::fill(trace(0), trace(0) + N, kTraceStart);
 
     eventScores1 = allocate(static_cast<std::size_t>(maxEvents) * rowStride);
     eventScores2 = allocate(static_cast<std::size_t>(maxEvents) * rowStride);
@@ -65,22 +72,16 @@ ViterbiMD::ViterbiMD(int maxNodes_, int maxEvents_, int numStates_, float skipPr
     std::fill(unreachableRow.get(), unreachableRow.get() + N, kUnreachable);
 
     const std::size_t W = static_cast<std::size_t>(usedStates);
-    const std::size_t quarter = roundUp8(W / 4);
-    const std::size_t sixteenth = roundUp8(W / 16);
-    const std::size_t perDirection = 2 * quarter + 2 * sixteenth + 3 * W;
-    scratch = allocate(3 * perDirection);
-    std::int32_t* p = scratch.get();
+    summaryStride = summaryBytes(W);
+    summaryBufferA = allocateBytes(static_cast<std::size_t>(maxEvents + 1) * summaryStride);
+    summaryBufferB = allocateBytes(static_cast<std::size_t>(maxEvents + 1) * summaryStride);
+    unreachableSummary = allocateBytes(summaryStride);
+    GetSummaryKernel(BasecallCommon::KernelIsa::Scalar)(unreachableRow.get(), usedStates,
+                                                        summaryAt(unreachableSummary.get(), 0));
+    scratch = allocate(scratchInts(W));
     for (int d = 0; d < 3; ++d) {
-        cellScratch.stepBest[d] = p;
-        cellScratch.stepFrom[d] = p + quarter;
-        p += 2 * quarter;
-        cellScratch.skipBest[d] = p;
-        cellScratch.skipFrom[d] = p + sixteenth;
-        p += 2 * sixteenth;
-        cellScratch.score[d] = p;
-        cellScratch.from[d] = p + W;
-        cellScratch.move[d] = p + 2 * W;
-        p += 3 * W;
+        cellScratch.score[d] = scratch.get() + 2 * d * W;
+        cellScratch.code[d] = scratch.get() + (2 * d + 1) * W;
     }
 
     stayScore1.resize(static_cast<std::size_t>(maxEvents));
@@ -97,12 +98,12 @@ ViterbiMD::ViterbiMD(int maxNodes_, int maxEvents_, int numStates_, float skipPr
 }
 
 std::size_t ViterbiMD::ReservedBytes() const {
-    const std::size_t W = static_cast<std::size_t>(usedStates);
-    const std::size_t ints = 3 * static_cast<std::size_t>(maxNodes) * rowStride +
-                             2 * static_cast<std::size_t>(maxEvents) * rowStride +
+    const std::size_t bytes = static_cast<std::size_t>(maxNodes) * traceStride +
+                              (2 * static_cast<std::size_t>(maxEvents + 1) + 1) * summaryStride;
+    const std::size_t ints = 2 * static_cast<std::size_t>(maxEvents) * rowStride +
                              2 * static_cast<std::size_t>(maxEvents + 1) * rowStride + numStates +
-                             3 * (2 * roundUp8(W / 4) + 2 * roundUp8(W / 16) + 3 * W) + 5 * maxEvents;
-    return ints * sizeof(std::int32_t) + nodes.size() * sizeof(Node) + moves.capacity();
+                             scratchInts(static_cast<std::size_t>(usedStates)) + 5 * maxEvents;
+    return bytes + ints * sizeof(std::int32_t) + nodes.size() * sizeof(Node) + moves.capacity();
 }
 
 bool ViterbiMD::SetKernel(BasecallCommon::KernelIsa isa) {
@@ -111,6 +112,8 @@ bool ViterbiMD::SetKernel(BasecallCommon::KernelIsa isa) {
         return false;
     }
     kernel = k;
+    summaryKernel = GetSummaryKernel(isa);
+    eventScoreKernel = GetEventScoreKernel(isa);
     kernelIsa = isa;
     return true;
 }
@@ -129,11 +132,15 @@ void ViterbiMD::seatRowViews() {
     currentView = Common::MatView<std::int32_t>(currentRows, rows, static_cast<std::uint64_t>(numStates), stride);
 }
 
-void ViterbiMD::fillEventScores(const Common::MatView<float>& post, std::int32_t* out, int rows) {
-    for (int r = 0; r < rows; ++r) {
+void ViterbiMD::fillEventScores(const Common::MatView<float>& post, std::int32_t* out, int firstRow, int endRow) {
+    for (int r = firstRow; r < endRow; ++r) {
         const float* in = &post(static_cast<std::uint64_t>(r), 0);
         std::int32_t* dst = out + static_cast<std::size_t>(r) * rowStride;
         const std::int64_t cs = post.colStride;
+        if (cs == 1) {
+            eventScoreKernel(in, numStates, dst);
+            continue;
+        }
         for (int s = 0; s < numStates; ++s) {
             dst[s] = IntLogScore(in[s * cs]);
         }
@@ -174,16 +181,17 @@ float ViterbiMD::Call(const Common::MatView<float>& post1, const Common::MatView
 
     previousRows = rowBufferA.get();
     currentRows = rowBufferB.get();
+    previousSummaries = summaryBufferA.get();
+    currentSummaries = summaryBufferB.get();
     seatRowViews();
     std::copy(startScores.begin(), startScores.begin() + numStates, previousView.row(0).data);
+    summaryKernel(previousView.row(0).data, usedStates, summaryAt(previousSummaries, 0));
     initNodes(bandStart, bandEnd);
 
     const auto stride = static_cast<std::int64_t>(rowStride);
     emissionView1 = Common::MatView<std::int32_t>(eventScores1.get(), post1.rows, post1.cols, stride);
     emissionView2 = Common::MatView<std::int32_t>(eventScores2.get(), post2.rows, post2.cols, stride);
-    fillEventScores(post1, eventScores1.get(), n1);
-    fillEventScores(post2, eventScores2.get(), n2);
-    processNodes(stay1, stay2);
+    processNodes(post1, post2, stay1, stay2);
     return static_cast<float>(backTrace(alignment, states));
 }
 
@@ -229,7 +237,8 @@ void ViterbiMD::initNodes(const std::vector<int>& bandStart, const std::vector<i
     }
 }
 
-void ViterbiMD::processNodes(const Common::VecView<float>& stay1, const Common::VecView<float>& stay2) {
+void ViterbiMD::processNodes(const Common::MatView<float>& post1, const Common::MatView<float>& post2,
+                             const Common::VecView<float>& stay1, const Common::VecView<float>& stay2) {
     KVX_LOG(trace) << "ViterbiMD::processNodes()";
     for (int i = 0; i < n1; ++i) {
         stayScore1[i] = IntLogScore(stay1[i]);
@@ -245,24 +254,43 @@ void ViterbiMD::processNodes(const Common::VecView<float>& stay1, const Common::
     CellArgs args;
     args.W = usedStates;
     args.scratch = cellScratch;
+    const SourceSummary unreachable = summaryAt(unreachableSummary.get(), 0);
     int rowInHand = 0;
+    // Event scores are filled just before their first use rather than all up front: a row's scores
+    // are then still in cache for the band cells that read it, and the cells never wait on memory.
+    int filled1 = 0;
+    int filled2 = 0;
     for (int index = 1; index < nodeCount; ++index) {
         const Node& node = nodes[index];
         if (node.j != rowInHand) {
             // The row just finished becomes the previous row.
             std::swap(previousRows, currentRows);
+            std::swap(previousSummaries, currentSummaries);
             seatRowViews();
             rowInHand = node.j;
         }
         const int i = node.i;
         const int j = node.j;
+        if (i >= filled1 && filled1 < n1) {
+            const int end = std::min(i + 1, n1);
+            fillEventScores(post1, eventScores1.get(), filled1, end);
+            filled1 = end;
+        }
+        if (j >= filled2) {
+            fillEventScores(post2, eventScores2.get(), filled2, j + 1);
+            filled2 = j + 1;
+        }
         // Checked views: a band reaching past the events fails here with "row index out of bounds.".
         args.score = currentView.row(static_cast<std::uint64_t>(i + 1)).data;
         args.emission1 = emissionView1.row(static_cast<std::uint64_t>(i)).data;
         args.emission2 = emissionView2.row(static_cast<std::uint64_t>(j)).data;
-        args.source[0] = node.diagNode >= 0 ? previousView.row(static_cast<std::uint64_t>(i)).data : unreachableRow.get();
-        args.source[1] = node.leftNode >= 0 ? currentView.row(static_cast<std::uint64_t>(i)).data : unreachableRow.get();
-        args.source[2] = node.upNode >= 0 ? previousView.row(static_cast<std::uint64_t>(i + 1)).data : unreachableRow.get();
+        const auto r = static_cast<std::uint64_t>(i);
+        args.source[0] = node.diagNode >= 0 ? previousView.row(r).data : unreachableRow.get();
+        args.summary[0] = node.diagNode >= 0 ? summaryAt(previousSummaries, r) : unreachable;
+        args.source[1] = node.leftNode >= 0 ? currentView.row(r).data : unreachableRow.get();
+        args.summary[1] = node.leftNode >= 0 ? summaryAt(currentSummaries, r) : unreachable;
+        args.source[2] = node.upNode >= 0 ? previousView.row(r + 1).data : unreachableRow.get();
+        args.summary[2] = node.upNode >= 0 ? summaryAt(previousSummaries, r + 1) : unreachable;
 
         const std::int32_t S1 = stayScore1[i], M1 = moveScore1[i];
         const std::int32_t S2 = stayScore2[j], M2 = moveScore2[j];
@@ -282,10 +310,10 @@ void ViterbiMD::processNodes(const Common::VecView<float>& stay1, const Common::
                          sum({skip1, skip2, skip2, M1, kLogSixteenth, X2})};
         args.moves[2] = {S2, sum({notSkip2, skip1, M2, kLogQuarter, X1}),
                          sum({skip1, skip1, skip2, M2, kLogSixteenth, X1})};
-        args.previousState = previousState(index);
-        args.direction = direction(index);
-        args.moveCode = moveCode(index);
+        args.trace = trace(index);
         kernel(args);
+        // Summarised while the row is still in cache; the three cells that read it come later.
+        summaryKernel(args.score, usedStates, summaryAt(currentSummaries, r + 1));
     }
 }
 
@@ -312,11 +340,11 @@ std::int32_t ViterbiMD::backTrace(std::vector<std::pair<int, int>>& alignment, s
     int index = last;
     while (index > 0) {
         const Node& node = nodes[index];
-        const auto previous = static_cast<unsigned short>(previousState(index)[state]);
-        const std::int32_t dir = direction(index)[state];
-        moves.push_back(static_cast<signed char>(moveCode(index)[state]));
+        const std::uint8_t code = trace(index)[state];
+        const auto previous = static_cast<unsigned short>(TracePrevious(code, state, W));
+        moves.push_back(static_cast<signed char>(TraceMove(code)));
         states.push_back(static_cast<short>(state));
-        switch (dir) {
+        switch (TraceDirection(code)) {
             case 0:
                 alignment.emplace_back(node.i, node.j);
                 index = node.diagNode;

@@ -4,10 +4,11 @@
 // scores (log-probability times 100, truncated).
 //
 // One decoder belongs to one worker and is reused chunk after chunk. All memory is allocated in the
-// constructor: maxNodes * numStates * 12 bytes of node tables (previous state, direction and move of
-// each state of each band cell), 4 * (maxEvents + 1) * numStates * 4 bytes of score rows and event
-// scores, and a few rows of scratch. The node tables are not zero-filled, so the pages a call does
-// not reach are never committed. `Call` allocates only for its outputs.
+// constructor: maxNodes * numStates bytes of trace (one byte per state of each band cell), about
+// 4 * (maxEvents + 1) * numStates * 4 bytes of score rows and event scores, 2 * (maxEvents + 1) *
+// numStates * 25/16 bytes of source summaries of the score rows, and a few rows of scratch. The
+// trace is not zero-filled, so the pages a call does not reach are never committed. `Call` allocates
+// only for its outputs.
 
 #include <cstddef>
 #include <cstdint>
@@ -57,9 +58,11 @@ public:
     std::size_t ReservedBytes() const;
     // Band cells (without the start node) of the last call.
     int LastCellCount() const { return nodeCount > 0 ? nodeCount - 1 : 0; }
+    // Bytes of trace the last call wrote (one row per band cell).
+    std::size_t LastTraceBytes() const { return static_cast<std::size_t>(LastCellCount()) * traceStride; }
 
-    // Runs the cell kernel built for `isa`; false (and no change) if this processor cannot. The
-    // constructor picks the fastest.
+    // Runs the cell, summary and event-score kernels built for `isa`; false (and no change) if this
+    // processor cannot. The constructor picks the fastest.
     bool SetKernel(BasecallCommon::KernelIsa isa);
     BasecallCommon::KernelIsa Kernel() const { return kernelIsa; }
 
@@ -74,32 +77,46 @@ private:
 
     // Aligned storage that is deliberately not value-initialised.
     struct BufferDeleter {
-        void operator()(std::int32_t* p) const;
+        void operator()(void* p) const;
     };
     using Buffer = std::unique_ptr<std::int32_t[], BufferDeleter>;
+    using ByteBuffer = std::unique_ptr<std::uint8_t[], BufferDeleter>;
     static Buffer allocate(std::size_t count);
+    static ByteBuffer allocateBytes(std::size_t count);
 
     void setTransitionScores(float skipProb1, float skipProb2);
     void initNodes(const std::vector<int>& bandStart, const std::vector<int>& bandEnd);
-    void processNodes(const Common::VecView<float>& stay1, const Common::VecView<float>& stay2);
+    void processNodes(const Common::MatView<float>& post1, const Common::MatView<float>& post2,
+                      const Common::VecView<float>& stay1, const Common::VecView<float>& stay2);
     std::int32_t backTrace(std::vector<std::pair<int, int>>& alignment, std::vector<short>& states);
     void seatRowViews();
-    void fillEventScores(const Common::MatView<float>& post, std::int32_t* out, int rows);
+    void fillEventScores(const Common::MatView<float>& post, std::int32_t* out, int firstRow, int endRow);
 
-    std::int32_t* previousState(int node) const { return nodePrevious.get() + static_cast<std::size_t>(node) * rowStride; }
-    std::int32_t* direction(int node) const { return nodeDirection.get() + static_cast<std::size_t>(node) * rowStride; }
-    std::int32_t* moveCode(int node) const { return nodeMove.get() + static_cast<std::size_t>(node) * rowStride; }
+    std::uint8_t* trace(int node) const { return nodeTrace.get() + static_cast<std::size_t>(node) * traceStride; }
+    // The summary of score row r of the buffer whose summaries start at `base`: W/4 and W/16 best
+    // scores, then as many trace codes.
+    SourceSummary summaryAt(std::uint8_t* base, std::uint64_t r) const {
+        const auto W = static_cast<std::size_t>(usedStates);
+        std::uint8_t* p = base + r * summaryStride;
+        return {reinterpret_cast<std::int32_t*>(p), reinterpret_cast<std::int32_t*>(p + W), p + W + W / 4,
+                p + W + W / 2};
+    }
 
     int maxNodes;
     int maxEvents;
     int numStates;              // N
     int usedStates;             // W = (N / 256) * 256
     std::size_t rowStride;      // N padded to whole 32-byte groups
+    std::size_t traceStride;    // N padded to whole 64-byte groups
+    std::size_t summaryStride;  // bytes of one row's source summary, a multiple of 64
 
     std::vector<Node> nodes;
-    Buffer nodePrevious;        // maxNodes rows of N
-    Buffer nodeDirection;
-    Buffer nodeMove;
+    // The best way into each state of each cell, as one trace byte (see viterbi_md_kernel.h) rather
+    // than a 32-bit previous state, direction and move: the three integers made the trace twelve
+    // times larger, about 250 MB of a caller's 290 MB peak at the default chunk and band sizes, and
+    // writing them took a large share of the decoding time. The previous state follows from the
+    // source index and the move.
+    ByteBuffer nodeTrace;       // maxNodes rows of traceStride bytes
 
     Buffer eventScores1;        // maxEvents rows of N: the posteriors as integer logs
     Buffer eventScores2;
@@ -107,13 +124,19 @@ private:
     Buffer rowBufferB;
     std::int32_t* previousRows = nullptr;
     std::int32_t* currentRows = nullptr;
+    // The source summary of every score row, beside each row buffer; they swap together.
+    ByteBuffer summaryBufferA;
+    ByteBuffer summaryBufferB;
+    std::uint8_t* previousSummaries = nullptr;
+    std::uint8_t* currentSummaries = nullptr;
+    ByteBuffer unreachableSummary;
     Common::MatView<std::int32_t> previousView;
     Common::MatView<std::int32_t> currentView;
     Common::MatView<std::int32_t> emissionView1;
     Common::MatView<std::int32_t> emissionView2;
     Buffer unreachableRow;      // N entries of -100000000, the row of a missing predecessor
 
-    // Per-direction scratch of the cell kernel.
+    // Per-direction scratch of the scalar cell kernel.
     Buffer scratch;
     CellScratch cellScratch{};
 
@@ -128,6 +151,8 @@ private:
 
     BasecallCommon::KernelIsa kernelIsa = BasecallCommon::KernelIsa::Scalar;
     CellKernel kernel = nullptr;
+    SummaryKernel summaryKernel = nullptr;
+    EventScoreKernel eventScoreKernel = nullptr;
 };
 
 }  // namespace BasecallMD

@@ -6,8 +6,41 @@ namespace BasecallMD {
 
 namespace detail {
 
-// The readable reference, step by step as the recursion is defined; the vector builds must match it
-// bit for bit.
+void EventScoresScalar(const float* in, int n, std::int32_t* out) {
+    for (int s = 0; s < n; ++s) {
+        out[s] = BasecallCommon::IntLogScore(in[s]);
+    }
+}
+
+// The readable references, step by step as the recursion is defined; the vector builds must match
+// them bit for bit.
+void SummaryScalar(const std::int32_t* row, int W, const SourceSummary& out) {
+    const int quarter = W / 4;
+    const int sixteenth = W / 16;
+    // Step sources: best of the four states that step into 4t .. 4t+3; lowest state on a tie.
+    for (int t = 0; t < quarter; ++t) {
+        int best = 0;
+        for (int m = 1; m < 4; ++m) {
+            if (row[t + m * quarter] > row[t + best * quarter]) {
+                best = m;
+            }
+        }
+        out.stepBest[t] = row[t + best * quarter];
+        out.stepCode[t] = static_cast<std::uint8_t>((1 << kTraceMoveShift) | best);
+    }
+    // Skip sources: best of the sixteen states that skip into 16t .. 16t+15.
+    for (int t = 0; t < sixteenth; ++t) {
+        int best = 0;
+        for (int m = 1; m < 16; ++m) {
+            if (row[t + m * sixteenth] > row[t + best * sixteenth]) {
+                best = m;
+            }
+        }
+        out.skipBest[t] = row[t + best * sixteenth];
+        out.skipCode[t] = static_cast<std::uint8_t>((2 << kTraceMoveShift) | best);
+    }
+}
+
 void ViterbiCellScalar(const CellArgs& a) {
     using BasecallCommon::WrapAdd;
     const int W = a.W;
@@ -15,58 +48,29 @@ void ViterbiCellScalar(const CellArgs& a) {
     const int sixteenth = W / 16;
     for (int d = 0; d < 3; ++d) {
         const std::int32_t* src = a.source[d];
-        std::int32_t* stepBest = a.scratch.stepBest[d];
-        std::int32_t* stepFrom = a.scratch.stepFrom[d];
-        std::int32_t* skipBest = a.scratch.skipBest[d];
-        std::int32_t* skipFrom = a.scratch.skipFrom[d];
+        const SourceSummary& sources = a.summary[d];
         std::int32_t* score = a.scratch.score[d];
-        std::int32_t* from = a.scratch.from[d];
-        std::int32_t* move = a.scratch.move[d];
-        // Step sources: best of the four states that step into 4t .. 4t+3; lowest state on a tie.
-        for (int t = 0; t < quarter; ++t) {
-            stepBest[t] = src[t];
-            stepFrom[t] = t;
-            for (int m = 1; m < 4; ++m) {
-                if (src[t + m * quarter] > stepBest[t]) {
-                    stepBest[t] = src[t + m * quarter];
-                    stepFrom[t] = t + m * quarter;
-                }
-            }
-        }
-        // Skip sources: best of the sixteen states that skip into 16t .. 16t+15.
-        for (int t = 0; t < sixteenth; ++t) {
-            skipBest[t] = src[t];
-            skipFrom[t] = t;
-            for (int m = 1; m < 16; ++m) {
-                if (src[t + m * sixteenth] > skipBest[t]) {
-                    skipBest[t] = src[t + m * sixteenth];
-                    skipFrom[t] = t + m * sixteenth;
-                }
-            }
-        }
+        std::int32_t* code = a.scratch.code[d];
         for (int s = 0; s < W; ++s) {
             score[s] = WrapAdd(src[s], a.moves[d].stay);
-            from[s] = s;
-            move[s] = 0;
+            code[s] = 0;
         }
         // Stay beats step on equal scores, and step beats skip.
         for (int t = 0; t < quarter; ++t) {
-            const std::int32_t v = WrapAdd(stepBest[t], a.moves[d].step);
+            const std::int32_t v = WrapAdd(sources.stepBest[t], a.moves[d].step);
             for (int s = 4 * t; s < 4 * t + 4; ++s) {
                 if (score[s] < v) {
                     score[s] = v;
-                    from[s] = stepFrom[t];
-                    move[s] = 1;
+                    code[s] = sources.stepCode[t];
                 }
             }
         }
         for (int t = 0; t < sixteenth; ++t) {
-            const std::int32_t v = WrapAdd(skipBest[t], a.moves[d].skip);
+            const std::int32_t v = WrapAdd(sources.skipBest[t], a.moves[d].skip);
             for (int s = 16 * t; s < 16 * t + 16; ++s) {
                 if (score[s] < v) {
                     score[s] = v;
-                    from[s] = skipFrom[t];
-                    move[s] = 2;
+                    code[s] = sources.skipCode[t];
                 }
             }
         }
@@ -92,13 +96,36 @@ void ViterbiCellScalar(const CellArgs& a) {
             d = 2;
         }
         a.score[s] = c.score[d][s];
-        a.previousState[s] = c.from[d][s];
-        a.direction[s] = d;
-        a.moveCode[s] = c.move[d][s];
+        a.trace[s] = static_cast<std::uint8_t>((d << kTraceDirectionShift) | c.code[d][s]);
     }
 }
 
 }  // namespace detail
+
+SummaryKernel GetSummaryKernel(BasecallCommon::KernelIsa isa) {
+    using BasecallCommon::KernelIsa;
+    if (!BasecallCommon::IsaSupported(isa)) {
+        return nullptr;
+    }
+    switch (isa) {
+        case KernelIsa::Scalar:
+            return &detail::SummaryScalar;
+        case KernelIsa::Sse2:
+            return &detail::SummarySse2;
+        case KernelIsa::Avx2:
+            return &detail::SummaryAvx2;
+        case KernelIsa::Avx512:
+            return &detail::SummaryAvx512;
+    }
+    return nullptr;
+}
+
+EventScoreKernel GetEventScoreKernel(BasecallCommon::KernelIsa isa) {
+    if (!BasecallCommon::IsaSupported(isa)) {
+        return nullptr;
+    }
+    return isa == BasecallCommon::KernelIsa::Avx512 ? &detail::EventScoresAvx512 : &detail::EventScoresScalar;
+}
 
 CellKernel GetCellKernel(BasecallCommon::KernelIsa isa) {
     using BasecallCommon::KernelIsa;
@@ -112,6 +139,8 @@ CellKernel GetCellKernel(BasecallCommon::KernelIsa isa) {
             return &detail::ViterbiCellSse2;
         case KernelIsa::Avx2:
             return &detail::ViterbiCellAvx2;
+        case KernelIsa::Avx512:
+            return &detail::ViterbiCellAvx512;
     }
     return nullptr;
 }

@@ -43,14 +43,14 @@ TEST(SignalScaling, EveryBuildMatchesTheScalarReference) {
     std::uniform_real_distribution<float> value(-300.0f, 300.0f);
     const auto reference = AsyncCaller::detail::GetScalingKernels(KernelIsa::Scalar);
     int variants = 0;
-    for (const KernelIsa isa : {KernelIsa::Scalar, KernelIsa::Sse2, KernelIsa::Avx2}) {
+    for (const KernelIsa isa : {KernelIsa::Scalar, KernelIsa::Sse2, KernelIsa::Avx2, KernelIsa::Avx512}) {
         const auto kernels = AsyncCaller::detail::GetScalingKernels(isa);
         if (kernels.toPicoamps == nullptr) {
             continue;  // this processor cannot run that build
         }
         ++variants;
         SCOPED_TRACE(BasecallCommon::IsaName(isa));
-        for (const std::size_t n : {0, 1, 7, 8, 9, 31, 1000, 4099}) {
+        for (const std::size_t n : {0, 1, 7, 8, 9, 15, 16, 17, 31, 1000, 4099}) {
             std::vector<std::int16_t> raw(n);
             std::vector<float> x(n);
             for (std::size_t i = 0; i < n; ++i) {

@@ -1,10 +1,11 @@
-// Every build of the element-wise kernels that this processor can run, against double precision and
-// against each other, over lengths that leave every kind of loop tail.
+// Every build of the kernels that this processor can run, against double precision or a plain loop
+// and against each other, over lengths that leave every kind of loop tail.
 
 #include "basecall_nn/nn_kernels.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -53,9 +54,11 @@ TEST(NNKernelsTest, BestIsOneOfTheAvailableSets) {
     EXPECT_STREQ(sets.front()->name, "default");
     EXPECT_EQ(&BasecallNN::kernels::Baseline(), sets.front());
     EXPECT_EQ(&BasecallNN::kernels::Best(), sets.back());
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
-        EXPECT_STREQ(BasecallNN::kernels::Best().name, "avx2");
-    }
+    const bool avx2 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+    const bool avx512 = avx2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                        __builtin_cpu_supports("avx512vl");
+    EXPECT_EQ(sets.size(), 1u + avx2 + avx512);
+    EXPECT_STREQ(BasecallNN::kernels::Best().name, avx512 ? "avx512" : avx2 ? "avx2" : "default");
 }
 
 TEST(NNKernelsTest, ActivationsMatchDoublePrecisionInEverySet) {
@@ -114,6 +117,47 @@ TEST(NNKernelsTest, SetsAgree) {
             for (std::size_t i = 0; i < n; ++i) {
                 EXPECT_EQ(p[i], x[i] * y[i]);
                 EXPECT_EQ(h1[i], z[i] * (y[i] - x[i]) + x[i]);
+            }
+        }
+    }
+}
+
+// The recurrent product of every set against the plain loop it must equal bit for bit (each output
+// summed over the rows in order, from zero): one vector or two, assigned or added, over widths that
+// leave every kind of block and column tail, with a row stride wider than the row. The second vector
+// of a pair gets the same result as alone.
+TEST(NNKernelsTest, MatVecIsTheOrderedSumInEverySet) {
+    std::mt19937 rng(23);
+    for (std::size_t k : {0u, 1u, 7u, 96u}) {
+        for (std::size_t n : {1u, 3u, 4u, 8u, 13u, 16u, 17u, 40u, 96u, 97u, 192u, 288u, 300u, 400u}) {
+            const std::size_t ldw = n + 5;
+            const auto W = randomValues(rng, std::max<std::size_t>(k * ldw, 1), -1.0f, 1.0f);
+            const auto x1 = randomValues(rng, k, -2.0f, 2.0f), x2 = randomValues(rng, k, -2.0f, 2.0f);
+            const auto start = randomValues(rng, n, -3.0f, 3.0f);
+            for (const bool add : {false, true}) {
+                std::vector<float> want1 = start, want2 = start;
+                for (std::size_t c = 0; c < n; ++c) {
+                    float a1 = 0.0f, a2 = 0.0f;
+                    for (std::size_t i = 0; i < k; ++i) {
+                        a1 += x1[i] * W[i * ldw + c];
+                        a2 += x2[i] * W[i * ldw + c];
+                    }
+                    want1[c] = add ? want1[c] + a1 : a1;
+                    want2[c] = add ? want2[c] + a2 : a2;
+                }
+                for (const KernelSet* set : BasecallNN::kernels::Available()) {
+                    std::vector<float> one = start, pair1 = start, pair2 = start;
+                    const float* x[2] = {x1.data(), x2.data()};
+                    float* single[1] = {one.data()};
+                    float* both[2] = {pair1.data(), pair2.data()};
+                    set->matVec(W.data(), ldw, k, n, x, single, 1, add);
+                    set->matVec(W.data(), ldw, k, n, x, both, 2, add);
+                    const std::string where = std::string(set->name) + " k=" + std::to_string(k) +
+                                              " n=" + std::to_string(n) + " add=" + std::to_string(add);
+                    EXPECT_EQ(one, want1) << where;
+                    EXPECT_EQ(pair1, want1) << where;
+                    EXPECT_EQ(pair2, want2) << where;
+                }
             }
         }
     }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "basecall_nn/nn_caller_cblas.h"
+#include "basecall_nn/nn_kernels.h"
 #include "basecall_nn/nn_runner_cblas.h"
 #include "decoders/flipflop_decoder.h"
 #include "decoders/hmm_caller.h"
@@ -549,4 +550,64 @@ TEST(NNRunnerCblas, SteadyCallsDoNotAllocate) {
         gCounting = false;
         EXPECT_GT(gAllocations.load(), 0);
     }
+}
+
+// Both strands through the network together give each strand exactly what its own Call gives: every
+// kernel set, random unequal lengths (either strand the longer, one at times a single row), GRU layers
+// of both candidate forms and directions, a width that leaves column tails, and a bidirectional pair.
+TEST(NNRunnerCblas, CallPairIsTwoCallsBitForBit) {
+    Params p;
+    auto model = std::make_shared<NNCallerCblas>();
+    model->AddConvolution(BasecallNN::v_tanh, 1, 5, 12, 2, 2, 2, p.matrix(5, 12, 1.0f), p.vector(12, 0.1f));
+    model->AddGru(12, 20, p.gru(12, 20), false, false, false);
+    model->AddGru(20, 20, p.gru(20, 20), true, true, true);
+    model->AddBGru(20, 17, p.gru(20, 17), p.gru(20, 17), true, false);
+    model->AddSoftmax(34, 65, p.matrix(34, 65, 2.0f), p.vector(65, 1.0f));
+    model->num_states = 65;
+    model->label_state = 64;
+    model->feature_kind = BasecallNN::kFeaturesRaw;
+    model->decode_type = BasecallNN::kTransducer;
+    model->window = {0};
+
+    const auto* const active = &BasecallNN::kernels::Active();
+    auto first = runnerFor(model, 20), second = runnerFor(model, 20), alone = runnerFor(model, 20);
+    std::mt19937 rng(77);
+    std::uniform_int_distribution<std::size_t> length(1, 700);
+    for (const auto* set : BasecallNN::kernels::Available()) {
+        BasecallNN::kernels::Use(*set);
+        for (int trial = 0; trial < 6; ++trial) {
+            const std::size_t n1 = trial == 0 ? 1 : length(rng), n2 = trial == 1 ? 2 : length(rng);
+            auto raw1 = signal(n1, static_cast<unsigned>(3 * trial + 1));
+            auto raw2 = signal(n2, static_cast<unsigned>(3 * trial + 2));
+            CallResult one, two;
+            one.events.resize((n1 + 1) / 2);
+            two.events.resize((n2 + 1) / 2);
+            first->CallPair(*second, BasecallNN::StrandCall{one.events, Common::VecView<float>(raw1), one.trans},
+                            BasecallNN::StrandCall{two.events, Common::VecView<float>(raw2), two.trans}, 4000.0f,
+                            1e-5f, true, true, false);
+            const CallResult* pairs[2] = {&one, &two};
+            const NNRunnerCblas* runners[2] = {first.get(), second.get()};
+            std::vector<float>* raws[2] = {&raw1, &raw2};
+            for (int s = 0; s < 2; ++s) {
+                SCOPED_TRACE(std::string(set->name) + " trial " + std::to_string(trial) + " strand " +
+                             std::to_string(s + 1) + " of " + std::to_string(n1) + " and " + std::to_string(n2));
+                const CallResult want = call(*alone, *raws[s], (raws[s]->size() + 1) / 2);
+                const NNRunnerCblas& got = *runners[s];
+                ASSERT_EQ(got.posteriors.rows, alone->posteriors.rows);
+                ASSERT_EQ(got.posteriors.cols, alone->posteriors.cols);
+                for (std::size_t r = 0; r < got.posteriors.rows; ++r)
+                    for (std::size_t c = 0; c < got.posteriors.cols; ++c)
+                        ASSERT_EQ(got.posteriors(r, c), alone->posteriors(r, c)) << r << "," << c;
+                EXPECT_EQ(got.score, alone->score);
+                EXPECT_EQ(got.states, alone->states);
+                EXPECT_EQ(got.moves, alone->moves);
+                EXPECT_EQ(got.weights, alone->weights);
+                EXPECT_EQ(got.qualityData, alone->qualityData);
+                EXPECT_EQ(pairs[s]->events.size(), want.events.size());
+                EXPECT_EQ(pairs[s]->trans.stay, want.trans.stay);
+                EXPECT_EQ(pairs[s]->trans.skip, want.trans.skip);
+            }
+        }
+    }
+    BasecallNN::kernels::Use(*active);
 }

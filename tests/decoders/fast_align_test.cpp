@@ -111,7 +111,7 @@ Problem randomProblem(std::mt19937& rng, int alphabet, int n, int m) {
 
 std::vector<KernelIsa> availableKernels() {
     std::vector<KernelIsa> out;
-    for (KernelIsa isa : {KernelIsa::Scalar, KernelIsa::Sse2, KernelIsa::Avx2}) {
+    for (KernelIsa isa : {KernelIsa::Scalar, KernelIsa::Sse2, KernelIsa::Avx2, KernelIsa::Avx512}) {
         if (BasecallCommon::IsaSupported(isa)) {
             out.push_back(isa);
         }

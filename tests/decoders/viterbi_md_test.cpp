@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 #include <map>
 #include <new>
 #include <random>
@@ -52,7 +56,7 @@ using Alignment = std::vector<std::pair<int, int>>;
 
 std::vector<KernelIsa> availableKernels() {
     std::vector<KernelIsa> out;
-    for (KernelIsa isa : {KernelIsa::Scalar, KernelIsa::Sse2, KernelIsa::Avx2}) {
+    for (KernelIsa isa : {KernelIsa::Scalar, KernelIsa::Sse2, KernelIsa::Avx2, KernelIsa::Avx512}) {
         if (BasecallCommon::IsaSupported(isa)) {
             out.push_back(isa);
         }
@@ -282,6 +286,31 @@ void expectSame(const Result& got, const Result& want, const std::string& what) 
     EXPECT_EQ(got.moves, want.moves) << what;
 }
 
+// Random input of up to maxEvents events a strand, rich in ties, in three kinds by trial number.
+Input tieRichInput(std::mt19937& rng, int N, int maxEvents, int trial) {
+    std::uniform_int_distribution<int> events(2, maxEvents);
+    Input in = randomInput(rng, N, events(rng), events(rng));
+    if (trial % 3 == 0) {
+        // Flat posteriors and one stay probability: the two strands look alike and the three
+        // directions tie all over the plane.
+        std::fill(in.post1.begin(), in.post1.end(), in.post1[0]);
+        std::fill(in.post2.begin(), in.post2.end(), in.post1[0]);
+        std::fill(in.stay1.begin(), in.stay1.end(), in.stay1[0]);
+        std::fill(in.stay2.begin(), in.stay2.end(), in.stay1[0]);
+        in.skip2 = in.skip1;
+    } else if (trial % 3 == 1) {
+        // Both strands the same over a full square band: the plane is symmetric about its diagonal,
+        // so on the diagonal strand 1 alone and strand 2 alone tie exactly.
+        in.n2 = in.n1;
+        in.post2 = in.post1;
+        in.stay2 = in.stay1;
+        in.skip2 = in.skip1;
+        in.bandStart.assign(in.n2, 0);
+        in.bandEnd.assign(in.n2, in.n1 - 1);
+    }
+    return in;
+}
+
 TEST(ViterbiMD, MatchesDirectDecoderOnRandomBands) {
     std::mt19937 rng(1234);
     const auto kernels = availableKernels();
@@ -292,26 +321,7 @@ TEST(ViterbiMD, MatchesDirectDecoderOnRandomBands) {
     }
     // The decoders are reused throughout, as a worker reuses its own.
     for (int trial = 0; trial < 60; ++trial) {
-        std::uniform_int_distribution<int> events(2, 10);
-        Input in = randomInput(rng, 256, events(rng), events(rng));
-        if (trial % 3 == 0) {
-            // Flat posteriors and one stay probability: the two strands look alike and the three
-            // directions tie all over the plane.
-            std::fill(in.post1.begin(), in.post1.end(), in.post1[0]);
-            std::fill(in.post2.begin(), in.post2.end(), in.post1[0]);
-            std::fill(in.stay1.begin(), in.stay1.end(), in.stay1[0]);
-            std::fill(in.stay2.begin(), in.stay2.end(), in.stay1[0]);
-            in.skip2 = in.skip1;
-        } else if (trial % 3 == 1) {
-            // Both strands the same over a full square band: the plane is symmetric about its diagonal,
-            // so on the diagonal strand 1 alone and strand 2 alone tie exactly.
-            in.n2 = in.n1;
-            in.post2 = in.post1;
-            in.stay2 = in.stay1;
-            in.skip2 = in.skip1;
-            in.bandStart.assign(in.n2, 0);
-            in.bandEnd.assign(in.n2, in.n1 - 1);
-        }
+        Input in = tieRichInput(rng, 256, 10, trial);
         const Result want = referenceDecode(in);
         ASSERT_FALSE(want.alignment.empty());
         for (std::size_t k = 0; k < kernels.size(); ++k) {
@@ -319,6 +329,130 @@ TEST(ViterbiMD, MatchesDirectDecoderOnRandomBands) {
             expectSame(got, want, std::string("trial ") + std::to_string(trial) + " kernel " + BasecallCommon::IsaName(kernels[k]));
             if (::testing::Test::HasFailure()) {
                 return;
+            }
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The decoder as it was while its trace held a 32-bit previous state, direction and move per state
+// per cell: the same nodes, source reductions and tie rules, written plainly. The one-byte trace
+// must reproduce its path, states, moves and score exactly.
+
+Result trace32Decode(const Input& in) {
+    using BasecallCommon::WrapAdd;
+    const int W = in.N / 256 * 256, Q = W / 4, R = W / 16;
+    struct Node {
+        int i, j, left, up, diag;
+    };
+    std::vector<Node> nodes{{-1, -1, -1, -1, -1}};
+    std::vector<int> rowFirst(in.n2);
+    for (int j = 0; j < in.n2; ++j) {
+        rowFirst[j] = static_cast<int>(nodes.size());
+        for (int i = in.bandStart[j]; i <= in.bandEnd[j]; ++i) {
+            const int index = static_cast<int>(nodes.size());
+            const bool up = j > 0 && i >= in.bandStart[j - 1] && i <= in.bandEnd[j - 1];
+            const bool diag = j > 0 && i > in.bandStart[j - 1] && i <= in.bandEnd[j - 1] + 1;
+            const int above = j > 0 ? rowFirst[j - 1] + i - in.bandStart[j - 1] : -1;  // node of (i, j-1)
+            nodes.push_back({i, j, i == in.bandStart[j] ? -1 : index - 1, up ? above : -1,
+                             index == 1 ? 0 : (diag ? above - 1 : -1)});
+        }
+    }
+    const int ns1 = L(1 - in.skip1), sk1 = L(in.skip1), ns2 = L(1 - in.skip2), sk2 = L(in.skip2);
+    const std::vector<std::int32_t> unreachable(W, -100000000);
+    // Score rows per node (node 0 holds the start scores) and the 32-bit trace.
+    std::vector<std::vector<std::int32_t>> score(nodes.size()), previous(nodes.size()), direction(nodes.size()),
+        move(nodes.size());
+    score[0].assign(in.startScores.begin(), in.startScores.begin() + W);
+    for (std::size_t n = 1; n < nodes.size(); ++n) {
+        const Node& node = nodes[n];
+        const int i = node.i, j = node.j;
+        const int S1 = L(in.stay1[i]), M1 = L(1 - in.stay1[i]), S2 = L(in.stay2[j]), M2 = L(1 - in.stay2[j]);
+        const int X2 = j < in.n2 - 1 ? L(1 - in.stay2[j + 1]) : 0;
+        const int X1 = i < in.n1 - 1 ? L(1 - in.stay1[i + 1]) : 0;
+        const std::int32_t moveScores[3][3] = {{S1 + S2, ns1 + ns2 + M1 + M2 - 139, sk1 + sk2 + M1 + M2 - 277},
+                                               {S1, ns1 + sk2 + M1 - 139 + X2, sk1 + 2 * sk2 + M1 - 277 + X2},
+                                               {S2, ns2 + sk1 + M2 - 139 + X1, 2 * sk1 + sk2 + M2 - 277 + X1}};
+        const int from[3] = {node.diag, node.left, node.up};
+        std::vector<std::int32_t> best[3], source[3], code[3];
+        for (int d = 0; d < 3; ++d) {
+            const std::vector<std::int32_t>& src = from[d] >= 0 ? score[from[d]] : unreachable;
+            best[d].resize(W);
+            source[d].resize(W);
+            code[d].assign(W, 0);
+            for (int s = 0; s < W; ++s) {
+                best[d][s] = WrapAdd(src[s], moveScores[d][0]);
+                source[d][s] = s;
+            }
+            // Best source of a step into 4t .. 4t+3 and of a skip into 16t .. 16t+15, lowest on a tie;
+            // a step replaces a stay, and a skip either, only when strictly better.
+            for (const auto [kind, groups, blocks] : {std::array<int, 3>{1, Q, 4}, std::array<int, 3>{2, R, 16}}) {
+                for (int t = 0; t < groups; ++t) {
+                    int top = t;
+                    for (int m = 1; m < blocks; ++m) {
+                        top = src[t + m * groups] > src[top] ? t + m * groups : top;
+                    }
+                    const std::int32_t v = WrapAdd(src[top], moveScores[d][kind]);
+                    for (int s = t * blocks; s < (t + 1) * blocks; ++s) {
+                        if (best[d][s] < v) {
+                            best[d][s] = v;
+                            source[d][s] = top;
+                            code[d][s] = kind;
+                        }
+                    }
+                }
+            }
+            for (int s = 0; s < W; ++s) {
+                best[d][s] = WrapAdd(best[d][s], (d != 2 ? L(in.post1[i * in.N + s]) : 0) +
+                                                     (d != 1 ? L(in.post2[j * in.N + s]) : 0));
+            }
+        }
+        for (int s = 0; s < W; ++s) {
+            const int d = best[0][s] >= best[1][s] && best[0][s] >= best[2][s] ? 0 : (best[1][s] > best[2][s] ? 1 : 2);
+            score[n].push_back(best[d][s]);
+            previous[n].push_back(source[d][s]);
+            direction[n].push_back(d);
+            move[n].push_back(code[d][s]);
+        }
+    }
+    Result r;
+    const std::vector<std::int32_t>& last = score.back();
+    int state = static_cast<int>(std::max_element(last.begin(), last.end()) - last.begin());
+    r.score = last[state];
+    for (int n = static_cast<int>(nodes.size()) - 1; n > 0;) {
+        const Node& node = nodes[n];
+        r.states.push_back(static_cast<short>(state));
+        r.moves.push_back(static_cast<signed char>(move[n][state]));
+        const int d = direction[n][state];
+        r.alignment.emplace_back(d == 2 ? -1 : node.i, d == 1 ? -1 : node.j);
+        state = previous[n][state];
+        n = d == 0 ? node.diag : (d == 1 ? node.left : node.up);
+    }
+    std::reverse(r.alignment.begin(), r.alignment.end());
+    std::reverse(r.states.begin(), r.states.end());
+    std::reverse(r.moves.begin(), r.moves.end());
+    return r;
+}
+
+TEST(ViterbiMD, OneByteTraceDecodesLikeTheFullTrace) {
+    std::mt19937 rng(77);
+    // State counts where every state takes part, and one (320) where the last 64 do not.
+    for (const int N : {256, 320, 1024}) {
+        std::vector<std::unique_ptr<ViterbiMD>> decoders;
+        for (KernelIsa isa : availableKernels()) {
+            decoders.push_back(std::make_unique<ViterbiMD>(300, 16, N, 0.0f, 0.0f));
+            ASSERT_TRUE(decoders.back()->SetKernel(isa));
+        }
+        for (int trial = 0; trial < (N == 1024 ? 30 : 150); ++trial) {
+            Input in = tieRichInput(rng, N, 16, trial);
+            const Result want = trace32Decode(in);
+            for (auto& decoder : decoders) {
+                expectSame(decode(*decoder, in), want,
+                           "states " + std::to_string(N) + " trial " + std::to_string(trial) + " kernel " +
+                               BasecallCommon::IsaName(decoder->Kernel()));
+                if (::testing::Test::HasFailure()) {
+                    return;
+                }
             }
         }
     }
@@ -395,6 +529,41 @@ TEST(ViterbiMD, IntegerLogsAndTransitionScores) {
     EXPECT_EQ(decoder.Skip2(), -230);
 }
 
+TEST(ViterbiMD, EventScoresAreTheIntegerLogsOnEveryBuild) {
+    // Special values, every probability at which the score changes (100 ln x crossing an integer) with
+    // its neighbouring floats, where a fast logarithm would slip first, and random bit patterns.
+    std::vector<float> x = {0.0f, -0.0f, -1.0f, 1e-10f, 1e-11f, 1.0f, 2.0f, 1e30f, std::numeric_limits<float>::max(),
+                            std::numeric_limits<float>::denorm_min(), std::numeric_limits<float>::infinity(),
+                            -std::numeric_limits<float>::infinity(), std::numeric_limits<float>::quiet_NaN()};
+    for (int k = -2400; k <= 200; ++k) {
+        float v = static_cast<float>(std::exp(k / 100.0));
+        for (int u = 0; u < 4; ++u) {
+            v = std::nextafter(v, 0.0f);
+        }
+        for (int u = 0; u < 9; ++u, v = std::nextafter(v, 10.0f)) {
+            x.push_back(v);
+        }
+    }
+    std::mt19937 rng(9);
+    for (int k = 0; k < 100001; ++k) {
+        const std::uint32_t bits = rng();
+        float v;
+        std::memcpy(&v, &bits, sizeof v);
+        x.push_back(v);
+    }
+    std::vector<std::int32_t> want;
+    for (const float v : x) {
+        want.push_back(BasecallCommon::IntLogScore(v));
+    }
+    for (KernelIsa isa : availableKernels()) {
+        std::vector<std::int32_t> got(x.size());
+        BasecallMD::GetEventScoreKernel(isa)(x.data(), static_cast<int>(x.size()), got.data());
+        for (std::size_t k = 0; k < x.size(); ++k) {
+            ASSERT_EQ(got[k], want[k]) << "x = " << x[k] << " kernel " << BasecallCommon::IsaName(isa);
+        }
+    }
+}
+
 TEST(ViterbiMD, CallAllocatesOnlyItsOutputs) {
     std::mt19937 rng(4);
     Input in = randomInput(rng, 256, 10, 10);
@@ -443,43 +612,52 @@ struct KernelCase {
     BasecallMD::DirectionScores moves[3];
 };
 
-struct KernelOut {
-    std::vector<std::int32_t> score, from, direction, move;
-    bool operator==(const KernelOut& o) const {
-        return score == o.score && from == o.from && direction == o.direction && move == o.move;
+struct Summary {
+    std::vector<std::int32_t> stepBest, skipBest;
+    std::vector<std::uint8_t> stepCode, skipCode;
+    explicit Summary(int W) : stepBest(W / 4), skipBest(W / 16), stepCode(W / 4), skipCode(W / 16) {}
+    BasecallMD::SourceSummary View() { return {stepBest.data(), skipBest.data(), stepCode.data(), skipCode.data()}; }
+    bool operator==(const Summary& o) const {
+        return stepBest == o.stepBest && skipBest == o.skipBest && stepCode == o.stepCode && skipCode == o.skipCode;
     }
 };
 
-KernelOut runKernel(BasecallMD::CellKernel kernel, const KernelCase& c) {
+struct KernelOut {
+    std::vector<std::int32_t> score;
+    std::vector<std::uint8_t> trace;
+    // The trace byte of each state, unpacked.
+    std::vector<int> from, direction, move;
+    bool operator==(const KernelOut& o) const { return score == o.score && trace == o.trace; }
+};
+
+// Runs one build's summary kernel on the case's three source rows, then its cell kernel.
+KernelOut runKernel(KernelIsa isa, const KernelCase& c) {
     const int W = c.W;
-    std::vector<std::int32_t> scratch(3 * (W / 2 + W / 8 + 3 * W));
+    std::vector<std::int32_t> scratch(6 * W);
+    std::vector<Summary> summaries(3, Summary(W));
     BasecallMD::CellArgs a{};
-    std::int32_t* p = scratch.data();
     for (int d = 0; d < 3; ++d) {
-        a.scratch.stepBest[d] = p;
-        a.scratch.stepFrom[d] = p + W / 4;
-        a.scratch.skipBest[d] = p + W / 2;
-        a.scratch.skipFrom[d] = p + W / 2 + W / 16;
-        a.scratch.score[d] = p + W / 2 + W / 8;
-        a.scratch.from[d] = p + W / 2 + W / 8 + W;
-        a.scratch.move[d] = p + W / 2 + W / 8 + 2 * W;
-        p += W / 2 + W / 8 + 3 * W;
+        a.scratch.score[d] = scratch.data() + 2 * d * W;
+        a.scratch.code[d] = scratch.data() + (2 * d + 1) * W;
         a.source[d] = c.source[d].data();
+        BasecallMD::GetSummaryKernel(isa)(a.source[d], W, summaries[d].View());
+        a.summary[d] = summaries[d].View();
         a.moves[d] = c.moves[d];
     }
     KernelOut out;
     out.score.resize(W);
-    out.from.resize(W);
-    out.direction.resize(W);
-    out.move.resize(W);
+    out.trace.resize(W);
     a.W = W;
     a.emission1 = c.emission1.data();
     a.emission2 = c.emission2.data();
     a.score = out.score.data();
-    a.previousState = out.from.data();
-    a.direction = out.direction.data();
-    a.moveCode = out.move.data();
-    kernel(a);
+    a.trace = out.trace.data();
+    BasecallMD::GetCellKernel(isa)(a);
+    for (int s = 0; s < W; ++s) {
+        out.from.push_back(BasecallMD::TracePrevious(out.trace[s], s, W));
+        out.direction.push_back(BasecallMD::TraceDirection(out.trace[s]));
+        out.move.push_back(BasecallMD::TraceMove(out.trace[s]));
+    }
     return out;
 }
 
@@ -516,19 +694,23 @@ TEST(ViterbiCellKernel, EveryBuildMatchesTheScalarReference) {
         for (auto& m : c.moves) {
             m = {small(rng) * 50, small(rng) * 50, small(rng) * 50};
         }
-        const KernelOut want = runKernel(BasecallMD::GetCellKernel(KernelIsa::Scalar), c);
+        const KernelOut want = runKernel(KernelIsa::Scalar, c);
+        Summary wantSummary(c.W);
+        BasecallMD::GetSummaryKernel(KernelIsa::Scalar)(c.source[0].data(), c.W, wantSummary.View());
         for (KernelIsa isa : availableKernels()) {
-            EXPECT_TRUE(runKernel(BasecallMD::GetCellKernel(isa), c) == want) << BasecallCommon::IsaName(isa);
+            EXPECT_TRUE(runKernel(isa, c) == want) << BasecallCommon::IsaName(isa);
+            Summary got(c.W);
+            BasecallMD::GetSummaryKernel(isa)(c.source[0].data(), c.W, got.View());
+            EXPECT_TRUE(got == wantSummary) << BasecallCommon::IsaName(isa);
         }
     }
 }
 
 TEST(ViterbiCellKernel, TieRules) {
     for (KernelIsa isa : availableKernels()) {
-        const auto kernel = BasecallMD::GetCellKernel(isa);
         // All three directions equal: both strands advance. Stay, step and skip equal: stay.
         KernelCase c = constantCase(256, -500);
-        KernelOut out = runKernel(kernel, c);
+        KernelOut out = runKernel(isa, c);
         for (int s = 0; s < 256; ++s) {
             ASSERT_EQ(out.direction[s], 0);
             ASSERT_EQ(out.move[s], 0);
@@ -540,7 +722,7 @@ TEST(ViterbiCellKernel, TieRules) {
         for (auto& m : c.moves) {
             m = {-100, 0, -1000};
         }
-        out = runKernel(kernel, c);
+        out = runKernel(isa, c);
         for (int s = 0; s < 256; ++s) {
             ASSERT_EQ(out.direction[s], 2);
             ASSERT_EQ(out.move[s], 1);
@@ -552,12 +734,12 @@ TEST(ViterbiCellKernel, TieRules) {
         for (auto& m : c.moves) {
             m = {-100, 0, 0};
         }
-        out = runKernel(kernel, c);
+        out = runKernel(isa, c);
         EXPECT_EQ(out.move[37], 1);
         for (auto& m : c.moves) {
             m = {-100, 0, 10};
         }
-        out = runKernel(kernel, c);
+        out = runKernel(isa, c);
         for (int s = 0; s < 256; ++s) {
             ASSERT_EQ(out.move[s], 2);
             ASSERT_EQ(out.from[s], s / 16);
@@ -566,7 +748,7 @@ TEST(ViterbiCellKernel, TieRules) {
         // into states 20 .. 23 (4 * 5 + b) and the skips into 80 .. 95 (16 * 5 + 4 * b1 + b2), and
         // nothing else.
         c.source[1][5] = -400;
-        out = runKernel(kernel, c);
+        out = runKernel(isa, c);
         for (int s = 0; s < 256; ++s) {
             ASSERT_EQ(out.direction[s], (s >= 20 && s < 24) || (s >= 80 && s < 96) ? 1 : 2) << s;
         }
