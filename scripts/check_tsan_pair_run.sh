@@ -19,7 +19,7 @@ cmake -S "$ROOT" -B "$BUILD" -G Ninja -DKVX_TSAN=ON -DKVX_BUILD_BENCHMARKS=OFF >
 cmake --build "$BUILD" --parallel "$JOBS" --target "${PROGRAMS[@]}" "${TESTS[@]}" >/dev/null
 BIN=$BUILD/bin
 # A build without the sanitizer would pass every step below and prove nothing.
-ldd "$BIN/basecaller_1d2" | grep -q libtsan || { echo "FAIL: $BIN/basecaller_1d2 is not built with ThreadSanitizer"; exit 1; }
+ldd "$BIN/basecaller_1d2" | grep libtsan >/dev/null || { echo "FAIL: $BIN/basecaller_1d2 is not built with ThreadSanitizer"; exit 1; }
 
 WORK=$(mktemp -d /tmp/kvx_tsan.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT

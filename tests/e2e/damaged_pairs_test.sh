@@ -38,7 +38,7 @@ fi
 # 3 GB, or a process above 6 GB, is a report; in a plain build the address space is capped instead.
 export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}hard_rss_limit_mb=6000:max_allocation_size_mb=3000"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:+$UBSAN_OPTIONS:}print_stacktrace=1"
-if ! ldd "$BIN/basecaller_1d2" | grep -q 'lib[at]san'; then
+if ! ldd "$BIN/basecaller_1d2" | grep 'lib[at]san' >/dev/null; then
     ulimit -v 8000000
 fi
 
