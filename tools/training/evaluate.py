@@ -28,6 +28,57 @@ from kvx_model import RawTransducerModel, load_tessel  # noqa: E402
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 
+def score(model, strands, calls_path, chunk_rows=1000, rows=True):
+    """Row figures (when `rows`) and whole-strand calls written to calls_path as FASTA."""
+    n_rows = n_ok = n_stay = n_stay_ok = n_arr = n_arr_ok = n_pred_stay = n_pred_stay_ok = 0
+    max_logit, lse_all, length_ratios = -np.inf, [], []
+    t0 = time.time()
+    with open(calls_path, "w") as fasta, torch.no_grad():
+        for s in strands:
+            n = len(s.signal) // kvx_data.STRIDE
+            # Row accuracy, chunk by chunk.
+            for r0 in range(0, n if rows else 0, chunk_rows):
+                r1 = min(n, r0 + chunk_rows)
+                x = torch.from_numpy(s.signal[3 * r0:3 * r1].copy())[None, :]
+                logits = model.logits(x)[:, 0, :]
+                y, _ = s.targets(3 * r0, r1 - r0)
+                pred = logits.argmax(-1).numpy()
+                stay = y == kvx_data.STAY
+                n_rows += len(y)
+                n_ok += int((pred == y).sum())
+                n_stay += int(stay.sum())
+                n_stay_ok += int((pred[stay] == y[stay]).sum())
+                n_arr += int((~stay).sum())
+                n_arr_ok += int((pred[~stay] == y[~stay]).sum())
+                pstay = pred == kvx_data.STAY
+                n_pred_stay += int(pstay.sum())
+                n_pred_stay_ok += int((y[pstay] == kvx_data.STAY).sum())
+                max_logit = max(max_logit, float(logits.max()))
+                lse_all.append(torch.logsumexp(logits, -1).numpy())
+            # A call over the whole strand.
+            logits = model.logits(torch.from_numpy(s.signal[:3 * n].copy())[None, :])[:, 0, :]
+            post = RawTransducerModel.runtime_posteriors(logits).numpy()
+            decoded = kvx_decode.transducer_decode(post)
+            seq = kvx_decode.path_sequence(decoded[0], decoded[1]) if decoded else ""
+            fasta.write(">%s\n%s\n" % (s.read_id, seq))
+            length_ratios.append(len(seq) / max(1, len(s.sequence)))
+            fasta.flush()
+    figures = {"strands": len(strands),
+               "call_length_ratio_median": float(np.median(length_ratios)),
+               "call_length_ratio_p10": float(np.percentile(length_ratios, 10)),
+               "seconds": time.time() - t0}
+    if rows:
+        lse = np.concatenate(lse_all)
+        figures.update({
+            "rows": n_rows, "row_accuracy": n_ok / n_rows,
+            "stay_rows": n_stay / n_rows, "stay_recall": n_stay_ok / max(1, n_stay),
+            "stay_precision": n_pred_stay_ok / max(1, n_pred_stay),
+            "arrival_row_accuracy": n_arr_ok / max(1, n_arr),
+            "max_logit": max_logit, "logsumexp_min": float(lse.min()), "logsumexp_max": float(lse.max()),
+            "logsumexp_median": float(np.median(lse))})
+    return figures
+
+
 def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     p.add_argument("--model", default=os.path.join(REPO, "data", "model_raw_r1_gru96.json"))
@@ -46,53 +97,9 @@ def main():
     strands = kvx_data.load_strands(args.heldout)
     if args.max_reads:
         strands = strands[:args.max_reads]
-
-    n_rows = n_ok = n_stay = n_stay_ok = n_arr = n_arr_ok = n_pred_stay = n_pred_stay_ok = 0
-    max_logit, lse_all, length_ratios = -np.inf, [], []
     calls_path = args.calls or os.path.join(args.heldout, "calls_%s.fasta" % os.path.basename(args.model))
-    t0 = time.time()
-    with open(calls_path, "w") as fasta, torch.no_grad():
-        for s in strands:
-            rows = len(s.signal) // kvx_data.STRIDE
-            # Row accuracy, chunk by chunk.
-            for r0 in range(0, rows, args.chunk_rows):
-                r1 = min(rows, r0 + args.chunk_rows)
-                x = torch.from_numpy(s.signal[3 * r0:3 * r1].copy())[None, :]
-                logits = model.logits(x)[:, 0, :]
-                y, _ = s.targets(3 * r0, r1 - r0)
-                pred = logits.argmax(-1).numpy()
-                stay = y == kvx_data.STAY
-                n_rows += len(y)
-                n_ok += int((pred == y).sum())
-                n_stay += int(stay.sum())
-                n_stay_ok += int((pred[stay] == y[stay]).sum())
-                n_arr += int((~stay).sum())
-                n_arr_ok += int((pred[~stay] == y[~stay]).sum())
-                pstay = pred == kvx_data.STAY
-                n_pred_stay += int(pstay.sum())
-                n_pred_stay_ok += int((y[pstay] == kvx_data.STAY).sum())
-                max_logit = max(max_logit, float(logits.max()))
-                lse_all.append(torch.logsumexp(logits, -1).numpy())
-            # A call over the whole strand.
-            logits = model.logits(torch.from_numpy(s.signal[:3 * rows].copy())[None, :])[:, 0, :]
-            post = RawTransducerModel.runtime_posteriors(logits).numpy()
-            decoded = kvx_decode.transducer_decode(post)
-            seq = kvx_decode.path_sequence(decoded[0], decoded[1]) if decoded else ""
-            fasta.write(">%s\n%s\n" % (s.read_id, seq))
-            length_ratios.append(len(seq) / max(1, len(s.sequence)))
-            fasta.flush()
-    lse = np.concatenate(lse_all)
-    figures = {
-        "model": args.model, "heldout": args.heldout, "strands": len(strands), "rows": n_rows,
-        "row_accuracy": n_ok / n_rows,
-        "stay_rows": n_stay / n_rows, "stay_recall": n_stay_ok / max(1, n_stay),
-        "stay_precision": n_pred_stay_ok / max(1, n_pred_stay),
-        "arrival_row_accuracy": n_arr_ok / max(1, n_arr),
-        "call_length_ratio_median": float(np.median(length_ratios)),
-        "call_length_ratio_p10": float(np.percentile(length_ratios, 10)),
-        "max_logit": max_logit, "logsumexp_min": float(lse.min()), "logsumexp_max": float(lse.max()),
-        "logsumexp_median": float(np.median(lse)), "seconds": time.time() - t0,
-    }
+    figures = {"model": args.model, "heldout": args.heldout}
+    figures.update(score(model, strands, calls_path, args.chunk_rows))
     print(json.dumps(figures, indent=1))
     if args.json:
         with open(args.json, "w") as f:

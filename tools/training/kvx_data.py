@@ -14,6 +14,7 @@ is the stay.
 """
 import glob
 import gzip
+import json
 import os
 import subprocess
 
@@ -28,13 +29,18 @@ BASE_INDEX = {"A": 0, "C": 1, "G": 2, "T": 3}
 MAD_FACTOR = np.float32(1.4826)
 
 
-def simulate(simulator, out_dir, seed, molecules):
-    """Runs the read simulator once; an existing complete data set is reused."""
+def simulate(simulator, out_dir, seed, molecules, settings=None):
+    """Runs the read simulator once, with `settings` (option name -> value) on top of its defaults,
+    and keeps the settings beside the data (settings.json). An existing complete data set is reused."""
     if os.path.exists(os.path.join(out_dir, "base_starts.tsv.gz")):
         return
     cmd = [simulator, "--output", out_dir, "--seed", str(seed), "--molecules", str(molecules)]
+    for name, value in sorted((settings or {}).items()):
+        cmd += ["--" + name, str(value)]
     print("running:", " ".join(cmd), flush=True)
     subprocess.run(cmd, check=True)
+    with open(os.path.join(out_dir, "settings.json"), "w") as f:
+        json.dump({"seed": seed, "molecules": molecules, "settings": settings or {}, "command": cmd}, f, indent=1)
 
 
 def read_fasta(path):
