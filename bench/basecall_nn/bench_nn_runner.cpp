@@ -8,6 +8,8 @@
 //   bench_nn_runner --benchmark_filter=Run  the layers alone, through the runner's buffers
 //   bench_nn_runner --benchmark_filter=Pair CallPair over two strands of 1000 output rows each, so
 //                                           the time per iteration covers 2000 rows
+//   bench_nn_runner --model=FILE            the same over a model file (a shipped model, or one to
+//                                           compare it with), with as many samples as give 1000 rows
 
 #include <benchmark/benchmark.h>
 #include <cblas.h>
@@ -15,16 +17,20 @@
 #include <algorithm>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "basecall_nn/nn_caller_cblas.h"
+#include "basecall_nn/nn_loader.h"
 #include "basecall_nn/nn_runner_cblas.h"
 
 namespace {
 
 constexpr int kRowsOut = 1000;
 constexpr int kStride = 5;
-constexpr int kSamples = kRowsOut * kStride;
+// Samples per call: 1000 rows at the model's stride (set from the model file when one is given).
+int gSamples = kRowsOut * kStride;
+std::string gModelFile;
 constexpr int kWinlen = 11;
 constexpr int kHidden = 96;
 constexpr int kStates = 1025;
@@ -57,6 +63,11 @@ struct Weights {
 };
 
 std::shared_ptr<BasecallNN::NNCallerCblas> representativeModel() {
+    if (!gModelFile.empty()) {
+        auto model = std::make_shared<BasecallNN::NNCallerCblas>();
+        BasecallNN::NNLoader(gModelFile).LoadInto(*model);
+        return model;
+    }
     Weights w;
     auto model = std::make_shared<BasecallNN::NNCallerCblas>();
     model->AddConvolution(BasecallNN::v_tanh, 1, kWinlen, kHidden, kStride, kWinlen / 2, kWinlen / 2,
@@ -76,14 +87,14 @@ std::shared_ptr<BasecallNN::NNCallerCblas> representativeModel() {
 std::vector<float> rawSignal() {
     std::mt19937 rng(9);
     std::normal_distribution<float> d(90.0f, 12.0f);
-    std::vector<float> s(kSamples);
+    std::vector<float> s(gSamples);
     for (float& x : s) x = d(rng);
     return s;
 }
 
 void BM_NNRunnerCblasCall(benchmark::State& state) {
     auto model = representativeModel();
-    auto runner = model->CreateRunner(model, kSamples);
+    auto runner = model->CreateRunner(model, gSamples);
     auto samples = rawSignal();
     const Common::VecView<float> raw(samples.data(), samples.size(), 1);
     Common::EventData<Common::Deep> events;
@@ -103,12 +114,12 @@ BENCHMARK(BM_NNRunnerCblasCall)->Unit(benchmark::kMillisecond);
 
 void BM_NNRunnerCblasRun(benchmark::State& state) {
     auto model = representativeModel();
-    auto runner = model->CreateRunner(model, kSamples);
+    auto runner = model->CreateRunner(model, gSamples);
     auto samples = rawSignal();
     for (auto _ : state) {
         Common::MatView<float> input = runner->InputView();
-        for (int i = 0; i < kSamples; ++i) input(static_cast<std::uint64_t>(i), 0) = (samples[i] - 90.0f) / 12.0f;
-        auto out = runner->Run(kSamples);
+        for (int i = 0; i < gSamples; ++i) input(static_cast<std::uint64_t>(i), 0) = (samples[i] - 90.0f) / 12.0f;
+        auto out = runner->Run(gSamples);
         benchmark::DoNotOptimize(out.data);
     }
     state.counters["rows_per_second"] =
@@ -118,8 +129,8 @@ BENCHMARK(BM_NNRunnerCblasRun)->Unit(benchmark::kMillisecond);
 
 void BM_NNRunnerCblasCallPair(benchmark::State& state) {
     auto model = representativeModel();
-    auto runner1 = model->CreateRunner(model, kSamples);
-    auto runner2 = model->CreateRunner(model, kSamples);
+    auto runner1 = model->CreateRunner(model, gSamples);
+    auto runner2 = model->CreateRunner(model, gSamples);
     auto samples1 = rawSignal();
     auto samples2 = samples1;
     std::reverse(samples2.begin(), samples2.end());
@@ -147,6 +158,18 @@ BENCHMARK(BM_NNRunnerCblasCallPair)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv) {
     openblas_set_num_threads(1);
+    const std::string modelFlag = "--model=";
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]).rfind(modelFlag, 0) == 0) {
+            gModelFile = std::string(argv[i]).substr(modelFlag.size());
+            std::copy(argv + i + 1, argv + argc, argv + i);
+            --argc;
+            auto model = std::make_shared<BasecallNN::NNCallerCblas>();
+            BasecallNN::NNLoader(gModelFile).LoadInto(*model);
+            gSamples = kRowsOut * model->event_stride;
+            break;
+        }
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;

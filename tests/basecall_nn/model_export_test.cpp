@@ -46,7 +46,7 @@ std::vector<float> floats(const rapidjson::Value& array) {
 }
 
 // Posteriors are compared relative to their size, with an absolute floor for the tiny ones: float
-// rounding differs between torch and CBLAS, and the three recurrent layers carry it along. The
+// rounding differs between torch and CBLAS, and the recurrent layers carry it along. The
 // largest deviation seen, in units of the allowed one, is kept with its place, so that a failure
 // says where and by how much, once.
 struct Deviation {

@@ -3,10 +3,12 @@
 
     /usr/bin/python3 tools/calibration/fit_qscores.py --sets heldout --out fit_runs [--build build] [--write]
 
-SETS is the folder of tools/calibration/make_heldout_sets.sh; only its fitting set ("fit") is used,
-whose single-strand calls were made with scale 1 and offset 0. Each shipped workflow calls the
-fitting set's pairs with scale 1 and offset 0 too, and the accuracy report bins every base by the
-quality it was printed with and charges it its errors against the truth.
+SETS is the folder of tools/calibration/make_heldout_sets.sh; only its fitting sets (named fit*, one
+at the simulator's defaults and others at other noise, dwell and drift) are used, whose single-strand
+calls were made with scale 1 and offset 0. Each shipped workflow calls each fitting set's pairs with
+scale 1 and offset 0 too, and the accuracy report bins every base by the quality it was printed with
+and charges it its errors against the truth. The bins of all fitting sets are pooled: a map fitted
+on one setting alone is over-confident as soon as a run behaves otherwise.
 
 A printed quality is q * qscore_scale + qscore_offset, rounded. The fit searches a grid of the two.
 Under each map, every raw bin is carried to the quality it would print as and bins landing on one
@@ -41,10 +43,9 @@ RECORD = os.path.join(ROOT, "tools", "calibration", "qscore_calibration.json")
 WORKFLOWS = [("dna_r1_1d2.cfg", "KFC-R1A", "KLK-D210"), ("dna_r1_1d2_lowmem.cfg", "KFC-R1C", "KLK-D210")]
 
 
-def report(args, pairs_dir, out_dir):
+def report(args, fit, pairs_dir, out_dir):
     path = os.path.join(out_dir, "report.json")
     if not os.path.exists(path):
-        fit = os.path.join(args.sets, "fit")
         subprocess.run([sys.executable, os.path.join(ROOT, "tools", "accuracy", "accuracy_report.py"),
                         "--data", os.path.join(fit, "data"), "--single_strand", os.path.join(fit, "ss"),
                         "--pairs", pairs_dir, "--out", out_dir,
@@ -54,9 +55,8 @@ def report(args, pairs_dir, out_dir):
         return json.load(f)
 
 
-def pair_run(args, cfg, flowcell, kit):
-    fit = os.path.join(args.sets, "fit")
-    run_dir = os.path.join(args.out, cfg.replace(".cfg", ""))
+def pair_run(args, fit, cfg, flowcell, kit):
+    run_dir = os.path.join(args.out, os.path.basename(fit), cfg.replace(".cfg", ""))
     if not os.path.exists(os.path.join(run_dir, "finished")):
         subprocess.run(["rm", "-rf", run_dir], check=True)
         subprocess.run([os.path.join(args.build, "bin", "basecaller_1d2"), "--flowcell", flowcell, "--kit", kit,
@@ -66,6 +66,17 @@ def pair_run(args, cfg, flowcell, kit):
                         "--qscore_scale", "1", "--qscore_offset", "0"], check=True, stdout=subprocess.DEVNULL)
         open(os.path.join(run_dir, "finished"), "w").close()
     return run_dir
+
+
+def pooled(calibrations):
+    """One calibration of the bases of several runs: bases and errors summed per raw bin."""
+    bins = {}
+    for c in calibrations:
+        for b in c["bins"]:
+            n, e = bins.get(b["q"], (0, 0.0))
+            bins[b["q"]] = (n + b["bases"], e + b["errors"])
+    return {"bins": [{"q": q, "bases": n, "errors": e} for q, (n, e) in sorted(bins.items())],
+            "bases": sum(c["bases"] for c in calibrations), "errors": sum(c["errors"] for c in calibrations)}
 
 
 def mapped_bins(bins, scale, offset):
@@ -104,7 +115,7 @@ MAX_GAP_Q = 1.5
 
 def fitted(calibration):
     bins = calibration["bins"]
-    grid = [(s / 100.0, o / 10.0) for s in range(10, 301, 2) for o in range(0, 251)]
+    grid = [(s / 100.0, o / 10.0) for s in range(2, 301, 2) for o in range(0, 251)]
     judged = [(judge(bins, scale, offset), scale, offset) for scale, offset in grid]
     within = [j for j in judged if j[0][0] <= MAX_GAP_Q]
     # The likeliest map within the gap, or failing that the one with the smallest gap.
@@ -132,18 +143,27 @@ def main():
     parser.add_argument("--write", action="store_true")
     args = parser.parse_args()
     os.makedirs(args.out, exist_ok=True)
-    with open(os.path.join(args.sets, "fit", "done")) as f:
-        fit_set = f.read().strip()
+    fits = sorted(d for d in os.listdir(args.sets)
+                  if d.startswith("fit") and os.path.exists(os.path.join(args.sets, d, "done")))
+    if not fits:
+        sys.exit(f"no fitting set in {args.sets}: run tools/calibration/make_heldout_sets.sh first")
+    described = [open(os.path.join(args.sets, d, "done")).read().strip() for d in fits]
 
-    record = {"fitting_set": f"make_heldout_sets.sh set {fit_set}: seed and options as listed there",
+    record = {"fitting_sets": "make_heldout_sets.sh sets (name seed molecules options): " + "; ".join(described),
               "command": " ".join(["fit_qscores.py"] + sys.argv[1:]), "workflows": {}}
-    single = None
+    singles = []
     for cfg, flowcell, kit in WORKFLOWS:
-        run_dir = pair_run(args, cfg, flowcell, kit)
-        rep = report(args, run_dir, os.path.join(run_dir, "report"))
-        record["workflows"][cfg] = fitted(rep["calibration"]["pairs"])
-        single = single or fitted(rep["calibration"]["single_strand"])
+        pairs = []
+        for name in fits:
+            fit = os.path.join(args.sets, name)
+            run_dir = pair_run(args, fit, cfg, flowcell, kit)
+            rep = report(args, fit, run_dir, os.path.join(run_dir, "report"))
+            pairs.append(rep["calibration"]["pairs"])
+            if len(singles) < len(fits):
+                singles.append(rep["calibration"]["single_strand"])
+        record["workflows"][cfg] = fitted(pooled(pairs))
         print(f"{cfg}: {record['workflows'][cfg]}")
+    single = fitted(pooled(singles))
     record["single_strand"] = single
     print(f"single strand: {single}")
     if args.write:

@@ -71,7 +71,7 @@ def main():
     parser.add_argument("--out", required=True)
     parser.add_argument("--build", default=os.path.join(ROOT, "build"))
     parser.add_argument("--setting", action="append", required=True, help='"NAME=OPTIONS"')
-    parser.add_argument("--only", nargs="*", help="set names (default: every set but the fitting set)")
+    parser.add_argument("--only", nargs="*", help="set names (default: every set but the fitting sets)")
     parser.add_argument("--callers", type=int, default=2)
     parser.add_argument("--per_set", action="store_true", help="also the accuracy figures of each set")
     parser.add_argument("--single_strand", default="ss",
@@ -81,7 +81,7 @@ def main():
     args = parser.parse_args()
 
     sets = args.only or sorted(n for n in os.listdir(args.sets)
-                               if n != "fit" and os.path.exists(os.path.join(args.sets, n, "done")))
+                               if not n.startswith("fit") and os.path.exists(os.path.join(args.sets, n, "done")))
     rows = []
     for entry in args.setting:
         name, _, options = entry.partition("=")
