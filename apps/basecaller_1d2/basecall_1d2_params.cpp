@@ -34,6 +34,10 @@ void Basecall1D2Params::InitOptions() {
               "that already has a row in sequencing_summary.txt, repair a FASTQ file or summary cut by the stop, "
               "and append to the outputs.",
               resume, Flag);
+    AddOption("compress_fastq",
+              "Write the FASTQ files gzip-compressed (.fastq.gz), one gzip member per record, so that each record "
+              "is complete on disk as soon as its pair is. A run is resumed with the same choice.",
+              compress_fastq, Flag);
     AddIgnoredOption("ipc_threads");
 }
 

@@ -36,6 +36,7 @@ public:
     float scaling_med = 0.0f;
     float scaling_mad = 0.0f;
     bool resume = false;
+    bool compress_fastq = false;
 
     // Set by main when --port selects the basecall service; no option.
     bool use_service = false;

@@ -93,7 +93,7 @@ void Basecaller1D2::Setup() {
     // The outputs of an earlier run are either taken up (--resume) or never overwritten unasked.
     AsyncCaller::ResumeReport resumed;
     if (resume) {
-        resumed = AsyncCaller::RepairOutputs(save_path, summary_path, summary_columns);
+        resumed = AsyncCaller::RepairOutputs(save_path, summary_path, summary_columns, compress_fastq);
     } else if (const std::uint64_t rows = AsyncCaller::CountSummaryRows(summary_path)) {
         throw std::runtime_error("The save path '" + save_path + "' already holds the outputs of a run (" +
                                  std::to_string(rows) +
@@ -106,7 +106,7 @@ void Basecaller1D2::Setup() {
         save_path, records_per_fastq, num_callers, scaling_med, scaling_mad, summary_path, summary_columns, "none",
         !override_scaling, min_qscore, qscore_filtering,
         [run_telemetry](const AsyncCaller::ReadHolder& read) { run_telemetry->AddCalledRead(read); },
-        AsyncCaller::TrimSettings(), resume);
+        AsyncCaller::TrimSettings(), resume, compress_fastq);
 
     const PairAlignment::MismatchMatrix mismatch = PairAlignment::LoadMismatchMatrix(score_matrix);
     const AsyncCaller::PriorAligner aligner(mismatch.View(), gap_penalty, start_end_penalty,

@@ -46,6 +46,9 @@ std::string RunHeader(const Basecall1D2Params& params) {
         header << "minimum qscore:     " << params.min_qscore << '\n';
     }
     header << "records per file:   " << params.records_per_fastq << '\n';
+    if (params.compress_fastq) {
+        header << "compressed fastq:   ON\n";
+    }
     header << "num basecallers:    " << params.num_callers << '\n';
     header << ModeText(params) << '\n';
     return header.str();

@@ -11,6 +11,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include "common/fastq_writer.h"
+#include "common/gzip_members.h"
 
 namespace fs = boost::filesystem;
 
@@ -52,9 +53,11 @@ std::vector<std::string> splitTabs(const std::string& line) {
 }
 
 // Keeps the whole records of a FASTQ text whose read id has a summary row. Reading stops at the
-// first record that is cut or malformed: nothing after it can be trusted.
-std::string keptRecords(const std::string& text, const std::set<std::string>& with_row, std::uint64_t& removed) {
+// first record that is cut or malformed: nothing after it can be trusted, and `whole_text` turns false.
+std::string keptRecords(const std::string& text, const std::set<std::string>& with_row, std::uint64_t& removed,
+                        bool& whole_text) {
     std::string kept;
+    whole_text = true;
     std::size_t at = 0;
     while (at < text.size()) {
         std::size_t ends[4];
@@ -71,6 +74,7 @@ std::string keptRecords(const std::string& text, const std::set<std::string>& wi
         if (!whole || text[at] != '@' || text[ends[1] + 1] != '+' ||
             ends[1] - ends[0] != ends[3] - ends[2]) {
             ++removed;  // the cut or damaged tail counts as one record
+            whole_text = false;
             break;
         }
         const std::string header = text.substr(at + 1, ends[0] - at - 1);
@@ -85,7 +89,71 @@ std::string keptRecords(const std::string& text, const std::set<std::string>& wi
     return kept;
 }
 
+// The same for a compressed file, member by member. A member whose records all stay is kept byte
+// for byte; one that loses records is compressed again from the rest. Reading stops at the first
+// member that is cut, damaged or does not hold whole records. Returns the bytes to keep.
+std::string keptMembers(const std::string& bytes, const std::set<std::string>& with_row, std::uint64_t& removed) {
+    const Common::GzipMembers members = Common::ReadGzipMembers(bytes);
+    std::string kept;
+    Common::GzipMemberWriter recompress;
+    std::size_t from = 0;
+    std::size_t text_from = 0;
+    for (std::size_t i = 0; i < members.member_ends.size(); ++i) {
+        const std::string text = members.text.substr(text_from, members.text_ends[i] - text_from);
+        std::uint64_t lost = 0;
+        bool whole = true;
+        const std::string records = keptRecords(text, with_row, lost, whole);
+        if (lost == 0) {
+            kept.append(bytes, from, members.member_ends[i] - from);
+        } else {
+            removed += lost;
+            if (!records.empty()) {
+                kept += recompress.Member(records);
+            }
+        }
+        if (!whole) {
+            return kept;
+        }
+        from = members.member_ends[i];
+        text_from = members.text_ends[i];
+    }
+    if (!members.complete) {
+        ++removed;  // the cut member at the end counts as one record
+    }
+    return kept;
+}
+
+// The run's FASTQ files under the save path (its root and its "pass" and "fail" folders), each
+// with whether it is compressed. Listed first, so that repairs never change a folder being read.
+std::vector<std::pair<std::string, bool>> fastqFiles(const std::string& save_path) {
+    std::vector<std::pair<std::string, bool>> files;
+    for (const char* sub : {"", "pass", "fail"}) {
+        const fs::path folder = fs::path(save_path) / sub;
+        if (!fs::is_directory(folder)) {
+            continue;
+        }
+        for (const fs::directory_entry& item : fs::directory_iterator(folder)) {
+            std::string run_id;
+            std::uint64_t number = 0;
+            bool compressed = false;
+            if (fs::is_regular_file(item.path()) &&
+                Common::FastqWriter::ParseFileName(item.path().filename().string(), run_id, number, compressed)) {
+                files.emplace_back(item.path().string(), compressed);
+            }
+        }
+    }
+    return files;
+}
+
 }  // namespace
+
+FastqKinds FindFastqKinds(const std::string& save_path) {
+    FastqKinds kinds;
+    for (const auto& file : fastqFiles(save_path)) {
+        (file.second ? kinds.compressed : kinds.plain) = true;
+    }
+    return kinds;
+}
 
 std::uint64_t CountSummaryRows(const std::string& summary_path) {
     std::ifstream in(summary_path);
@@ -97,8 +165,18 @@ std::uint64_t CountSummaryRows(const std::string& summary_path) {
 }
 
 ResumeReport RepairOutputs(const std::string& save_path, const std::string& summary_path,
-                           const std::vector<std::string>& columns) {
+                           const std::vector<std::string>& columns, bool compressed) {
     ResumeReport report;
+    // One save path, one kind of FASTQ file: a mix would hide part of the run from whoever reads
+    // only one kind. Refused before anything is changed.
+    const FastqKinds kinds = FindFastqKinds(save_path);
+    if (compressed ? kinds.plain : kinds.compressed) {
+        throw std::runtime_error("The save path '" + save_path + "' holds " +
+                                 (compressed ? "uncompressed" : "compressed") +
+                                 " FASTQ files of the run to resume. Resume it " +
+                                 (compressed ? "without" : "with") +
+                                 " --compress_fastq, or choose another save path.");
+    }
     if (!fs::exists(summary_path)) {
         return report;
     }
@@ -147,27 +225,16 @@ ResumeReport RepairOutputs(const std::string& save_path, const std::string& summ
         replaceFile(summary_path, kept);
     }
 
-    for (const char* sub : {"", "pass", "fail"}) {
-        const fs::path folder = fs::path(save_path) / sub;
-        if (!fs::is_directory(folder)) {
-            continue;
-        }
-        for (const fs::directory_entry& item : fs::directory_iterator(folder)) {
-            std::string run_id;
-            std::uint64_t number = 0;
-            if (!fs::is_regular_file(item.path()) ||
-                !Common::FastqWriter::ParseFileName(item.path().filename().string(), run_id, number)) {
-                continue;
-            }
-            const std::string path = item.path().string();
-            const std::string records = readWhole(path);
-            std::uint64_t removed = 0;
-            const std::string whole = keptRecords(records, with_record, removed);
-            if (removed != 0) {
-                replaceFile(path, whole);
-                report.records_removed += removed;
-                ++report.files_repaired;
-            }
+    for (const auto& file : fastqFiles(save_path)) {
+        const std::string records = readWhole(file.first);
+        std::uint64_t removed = 0;
+        bool whole_text = true;
+        const std::string whole = file.second ? keptMembers(records, with_record, removed)
+                                              : keptRecords(records, with_record, removed, whole_text);
+        if (removed != 0) {
+            replaceFile(file.first, whole);
+            report.records_removed += removed;
+            ++report.files_repaired;
         }
     }
     return report;

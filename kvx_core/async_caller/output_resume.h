@@ -22,14 +22,22 @@ struct ResumeReport {
     std::uint64_t files_repaired = 0;                     // FASTQ files rewritten
 };
 
+// The kinds of FASTQ file under a save path (its root and its "pass" and "fail" folders).
+struct FastqKinds {
+    bool plain = false;       // ".fastq"
+    bool compressed = false;  // ".fastq.gz"
+};
+FastqKinds FindFastqKinds(const std::string& save_path);
+
 // Data rows of the summary at `summary_path`: 0 when there is none, or no file.
 std::uint64_t CountSummaryRows(const std::string& summary_path);
 
 // Repairs the summary (its header must be `columns`, otherwise it throws a message that says the
 // save path cannot be resumed) and the FASTQ files under `save_path` (its root and its "pass" and
 // "fail" folders), rewriting a file through a temporary name and a rename. A summary that does
-// not exist yet is fine: nothing is done.
+// not exist yet is fine: nothing is done. `compressed` is the kind of FASTQ the resumed run
+// writes: a save path holding files of the other kind is refused with a message, unchanged.
 ResumeReport RepairOutputs(const std::string& save_path, const std::string& summary_path,
-                           const std::vector<std::string>& columns);
+                           const std::vector<std::string>& columns, bool compressed = false);
 
 }  // namespace AsyncCaller

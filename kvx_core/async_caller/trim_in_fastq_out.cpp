@@ -43,9 +43,11 @@ TrimInFastqOut::TrimInFastqOut(const std::string& save_path, std::uint64_t recor
                                float scaling_med_, float scaling_mad_, const std::string& summary_path,
                                const std::vector<std::string>& summary_columns, const std::string& trim_strategy_,
                                bool auto_scale_, float min_qscore_, bool qscore_filtering,
-                               CalledReadReport telemetry_, const TrimSettings& trim, bool resume)
+                               CalledReadReport telemetry_, const TrimSettings& trim, bool resume,
+                               bool compress_fastq)
     : DataTrimmer(scaling_med_, scaling_mad_, auto_scale_, trim_strategy_, trim),
-      writer(std::make_unique<Common::FastqWriter>(save_path, records_per_fastq, workers, qscore_filtering)),
+      writer(std::make_unique<Common::FastqWriter>(save_path, records_per_fastq, workers, qscore_filtering,
+                                                   compress_fastq)),
       summary(std::make_unique<SummaryFile>(summary_path, summary_columns, resume)),
       min_qscore(min_qscore_),
       telemetry(std::move(telemetry_)) {

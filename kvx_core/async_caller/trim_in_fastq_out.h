@@ -46,12 +46,13 @@ public:
     TrimInFastqOut() = default;
     // Builds the FASTQ writer (one file set per worker) and opens the summary, writing its header.
     // With `resume`, both carry on from the (repaired) outputs of an earlier run in the save path.
+    // `compress_fastq` writes gzip-compressed FASTQ files.
     TrimInFastqOut(const std::string& save_path, std::uint64_t records_per_fastq, std::size_t workers,
                    float scaling_med, float scaling_mad, const std::string& summary_path,
                    const std::vector<std::string>& summary_columns, const std::string& trim_strategy,
                    bool auto_scale, float min_qscore, bool qscore_filtering,
                    CalledReadReport telemetry = CalledReadReport(), const TrimSettings& trim = TrimSettings(),
-                   bool resume = false);
+                   bool resume = false, bool compress_fastq = false);
     ~TrimInFastqOut() override;
 
     // Sets passes_filtering (min_qscore <= mean_qscore), writes the FASTQ record if the sequence is

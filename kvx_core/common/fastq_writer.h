@@ -6,6 +6,10 @@
 // records, and numbering is per (key, run id) across all workers, so two workers never open the
 // same name. With qscore filtering, passed and failed reads go to "pass" and "fail" folders.
 //
+// Compressed files (".fastq.gz") get one gzip member per record, written through like a plain
+// record: a record is readable on disk as soon as it is written, and a kill leaves at most one cut
+// member at the end of a file, which a resumed run cuts off.
+//
 // Lock order: a worker's own mutex, then (briefly, inside it) the numbering mutex. Never the
 // reverse, and never two workers' mutexes at once.
 
@@ -20,6 +24,7 @@
 #include <vector>
 
 #include "common/fastq_record.h"
+#include "common/gzip_members.h"
 
 namespace Common {
 
@@ -29,15 +34,16 @@ public:
     struct Handle {
         std::uint64_t records = 0;  // records written to the current file
         std::unique_ptr<std::ofstream> stream;
+        std::unique_ptr<GzipMemberWriter> gzip;  // compressed files only
     };
     // (key string, run id)
     using FileKey = std::pair<std::string, std::string>;
     using HandleMap = std::map<FileKey, Handle>;
 
     // `records_per_fastq` 0 means files never roll over. `workers` is the number of caller workers;
-    // each later call names its worker by index.
+    // each later call names its worker by index. `compress` writes ".fastq.gz" files.
     FastqWriter(const std::string& save_path, std::uint64_t records_per_fastq, std::size_t workers,
-                bool qscore_filtering);
+                bool qscore_filtering, bool compress = false);
     // Closes whatever is still open.
     ~FastqWriter();
     FastqWriter(const FastqWriter&) = delete;
@@ -61,14 +67,16 @@ public:
 
     // Takes up the files an earlier run left in this writer's folders: numbering goes on after the
     // highest number of each key and run id, and the first file a worker opens for a key and run id
-    // is that highest-numbered file, appended to, when it has room. The files must hold whole records
-    // (a resumed run repairs them first). Call before any Write.
+    // is that highest-numbered file, appended to, when it has room. Only files of this writer's kind
+    // (plain or compressed) are taken up. The files must hold whole records (a resumed run repairs
+    // them first). Call before any Write.
     void ContinueExisting();
 
-    // "fastq_runid_<run_id>_<number>.fastq"
-    static std::string FileName(const std::string& run_id, std::uint64_t number);
-    // The reverse of FileName; false for any other name.
-    static bool ParseFileName(const std::string& name, std::string& run_id, std::uint64_t& number);
+    // "fastq_runid_<run_id>_<number>.fastq", or ".fastq.gz" when compressed.
+    static std::string FileName(const std::string& run_id, std::uint64_t number, bool compressed = false);
+    // The reverse of FileName, for either kind; false for any other name.
+    static bool ParseFileName(const std::string& name, std::string& run_id, std::uint64_t& number,
+                              bool& compressed);
 
 private:
     struct WorkerFiles {
@@ -95,6 +103,7 @@ private:
     std::string save_path;
     std::uint64_t records_per_fastq;
     bool qscore_filtering;
+    bool compress;
 };
 
 // Adds the read ids listed in a text file, one per line, to `ids`. Empty lines are skipped; an id

@@ -42,6 +42,7 @@ TEST(Basecall1D2Params, OwnOptionsFollowTheFamilyOnesWithTheirSources) {
         {"gap_penalty", 'B'}, {"start_end_penalty", 'B'}, {"reverse_sequence", 'B'}, {"u_substitution", 'B'},
         {"input_path", 'B'}, {"index_file", 'R'}, {"save_path", 'R'}, {"port", 'L'}, {"recursive", 'S'},
         {"override_scaling", 'S'}, {"scaling_med", 'L'}, {"scaling_mad", 'L'}, {"resume", 'S'},
+        {"compress_fastq", 'S'},
     };
     Basecall1D2Params params;
     Parse(params, With({}));
@@ -101,7 +102,7 @@ TEST(Basecall1D2Params, HelpShowsTheTextsAsWritten) {
     const auto& help = params.MessageText();
     for (const char* text : {"Shirt time-scale threshold for event", "Substute 'U' for 'T'",
                              "-f [ --index_file ] arg", "-q [ --records_per_fastq ] arg", "-r [ --recursive ]",
-                             "-d [ --data_path ] arg", "produce help message"}) {
+                             "-d [ --data_path ] arg", "produce help message", "--compress_fastq"}) {
         EXPECT_NE(help.find(text), std::string::npos) << text;
     }
     EXPECT_EQ(help.find("ipc_threads"), std::string::npos);

@@ -14,6 +14,7 @@
 #include "../async_caller/log_capture.h"
 #include "common/fastq_record.h"
 #include "common/fastq_writer.h"
+#include "common/gzip_members.h"
 
 namespace fs = boost::filesystem;
 using Common::FastqWriter;
@@ -212,6 +213,48 @@ TEST_F(FastqWriterTest, ConcurrentWorkersNeverShareAFile) {
     for (std::size_t n = 0; n < files; ++n) {
         EXPECT_TRUE(fs::exists(dir / FastqWriter::FileName("r1", n))) << n;
     }
+}
+
+// Compressed output is the plain output file for file, named ".fastq.gz", with one gzip member per
+// record; a writer that takes the files up again goes on in the last one, as with plain files.
+TEST_F(FastqWriterTest, CompressedFilesHoldThePlainRecords) {
+    const auto writeAll = [](const fs::path& root, bool compress, const std::vector<std::string>& ids,
+                             bool take_up) {
+        FastqWriter writer(root.string(), 3, 2, true, compress);
+        if (take_up) {
+            writer.ContinueExisting();
+        }
+        for (std::size_t i = 0; i < ids.size(); ++i) {
+            const bool passes = i % 3 != 0;
+            writer.Write(i % 2, Record(ids[i]), "r1", writer.Key(passes, false), writer.Folder(passes, false));
+        }
+    };
+    const auto readAll = [](const fs::path& file) {
+        std::ifstream in(file.string(), std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    };
+    for (const bool compress : {false, true}) {
+        const fs::path root = dir / (compress ? "gz" : "plain");
+        writeAll(root, compress, {"a", "b", "c", "d", "e", "f", "g"}, false);
+        writeAll(root, compress, {"h", "i", "j"}, true);
+    }
+    std::size_t records = 0;
+    for (const char* sub : {"pass", "fail"}) {
+        std::set<std::string> expected_names;
+        for (const std::string& name : FileNames(dir / "plain" / sub)) {
+            expected_names.insert(name + ".gz");
+            const std::string plain = readAll(dir / "plain" / sub / name);
+            const Common::GzipMembers members = Common::ReadGzipMembers(readAll(dir / "gz" / sub / (name + ".gz")));
+            EXPECT_TRUE(members.complete) << name;
+            EXPECT_EQ(members.text, plain) << name;
+            EXPECT_EQ(members.member_ends.size(), ReadIds(dir / "plain" / sub / name).size()) << name;
+            records += members.member_ends.size();
+        }
+        EXPECT_EQ(FileNames(dir / "gz" / sub), expected_names) << sub;
+    }
+    EXPECT_EQ(records, 10u);
 }
 
 TEST_F(FastqWriterTest, ReadIdWhitelist) {

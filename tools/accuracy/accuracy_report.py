@@ -6,7 +6,7 @@
 
 DATA is the read simulator's output (truth.fasta, truth_pairs.tsv), SS the single-strand step's save
 path (calls_1d.fastq, index_1d.tsv) and PAIRS the pair run's save path (sequencing_summary.txt, the
-FASTQ under pass/ and fail/ or directly in it, the run's *_log-*.log). evaluate_calls does the
+FASTQ under pass/ and fail/ or directly in it, plain or .fastq.gz, the run's *_log-*.log). evaluate_calls does the
 alignments (its --details file: per-read rows and bases binned by printed quality); this script adds
 what the run's own files say and writes into DIR:
 
@@ -22,6 +22,7 @@ base charges 1 to it, a missed truth base 1/2 to each call base beside it.
 """
 import argparse
 import glob
+import gzip
 import json
 import math
 import os
@@ -77,7 +78,7 @@ def to_float(text):
 def fastq_ids(path):
     """Read ids of a FASTQ file (first word of each header, without the @)."""
     ids = []
-    with open(path) as f:
+    with (gzip.open(path, "rt") if path.endswith(".gz") else open(path)) as f:
         for i, line in enumerate(f):
             if i % 4 == 0 and line.startswith("@"):
                 ids.append(line[1:].split()[0] if line[1:].split() else "")
@@ -329,12 +330,20 @@ def main():
     os.makedirs(args.out, exist_ok=True)
 
     # Pair FASTQ files and the folder each call went to.
+    # Compressed files are given to evaluate_calls as plain copies in DIR/pair_calls.
     folder_of, pair_fastq = {}, []
     for sub in ("pass", "fail", ""):
-        for path in sorted(glob.glob(os.path.join(args.pairs, sub, "*.fastq"))):
-            pair_fastq.append(path)
+        for path in sorted(glob.glob(os.path.join(args.pairs, sub, "*.fastq")) +
+                           glob.glob(os.path.join(args.pairs, sub, "*.fastq.gz"))):
             for rid in fastq_ids(path):
                 folder_of[rid] = sub or None
+            if path.endswith(".gz"):
+                plain = os.path.join(args.out, "pair_calls", sub or "root", os.path.basename(path)[:-3])
+                os.makedirs(os.path.dirname(plain), exist_ok=True)
+                with gzip.open(path, "rb") as src, open(plain, "wb") as dst:
+                    shutil.copyfileobj(src, dst)
+                path = plain
+            pair_fastq.append(path)
     filtered = any(os.path.isdir(os.path.join(args.pairs, d)) for d in ("pass", "fail"))
 
     evaluator = find_evaluator(args.evaluate_calls)

@@ -1,0 +1,117 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/filesystem.hpp>
+
+#include "async_caller/output_resume.h"
+#include "async_caller/summary_values.h"
+#include "common/gzip_members.h"
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+std::string Slurp(const fs::path& path) {
+    std::ifstream in(path.string(), std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+std::string Record(const std::string& id) { return "@" + id + " runid=x\nACGT\n+\n!!!!\n"; }
+
+class OutputResumeTest : public testing::Test {
+protected:
+    OutputResumeTest() : dir(fs::temp_directory_path() / fs::unique_path("kvx-resume-%%%%-%%%%")) {
+        fs::create_directories(dir);
+        // Summary rows for the pairs "a" and "b"; nothing else has finished.
+        const auto& columns = AsyncCaller::PairSummaryColumns();
+        std::ofstream summary((dir / "sequencing_summary.txt").string());
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            summary << columns[i] << (i + 1 < columns.size() ? '\t' : '\n');
+        }
+        for (const char* id : {"a", "b"}) {
+            for (std::size_t i = 0; i < columns.size(); ++i) {
+                const std::string& c = columns[i];
+                summary << (c == "read_id1" ? std::string(id) : c == "read_id2" ? std::string(id) + "2" : "4")
+                        << (i + 1 < columns.size() ? '\t' : '\n');
+            }
+        }
+    }
+    ~OutputResumeTest() override { fs::remove_all(dir); }
+
+    AsyncCaller::ResumeReport Repair(bool compressed) {
+        return AsyncCaller::RepairOutputs(dir.string(), (dir / "sequencing_summary.txt").string(),
+                                          AsyncCaller::PairSummaryColumns(), compressed);
+    }
+    fs::path dir;
+};
+
+}  // namespace
+
+// A compressed file is cut back to its members whose records all have rows, kept byte for byte; a
+// member that loses a record is compressed again from the rest; a cut member ends the file.
+TEST_F(OutputResumeTest, CompressedFilesKeepTheMembersOfFinishedPairs) {
+    Common::GzipMemberWriter gzip;
+    const std::string a = gzip.Member(Record("a"));
+    const std::string b = gzip.Member(Record("b"));
+    const std::string c = gzip.Member(Record("c"));  // written, but its row never came
+    const struct {
+        const char* name;
+        std::string bytes;
+        std::string kept_text;
+        std::uint64_t removed;
+        bool kept_bytes;  // the result is the kept members' own bytes
+    } cases[] = {
+        {"whole", a + b, Record("a") + Record("b"), 0, true},
+        {"record without its row", a + b + c, Record("a") + Record("b"), 1, true},
+        {"cut member", a + b + c.substr(0, c.size() / 2), Record("a") + Record("b"), 1, true},
+        {"row-less record inside", a + c + b, Record("a") + Record("b"), 1, true},
+        {"member of two records", gzip.Member(Record("a") + Record("c")) + b, Record("a") + Record("b"), 1, false},
+        {"cut record in a member", a + gzip.Member(Record("b") + "@c runid=x\nAC") + b, Record("a") + Record("b"), 1,
+         false},
+    };
+    const fs::path file = dir / "fastq_runid_x_0.fastq.gz";
+    for (const auto& test : cases) {
+        std::ofstream(file.string(), std::ios::binary) << test.bytes;
+        const AsyncCaller::ResumeReport report = Repair(true);
+        const std::string bytes = Slurp(file);
+        const Common::GzipMembers members = Common::ReadGzipMembers(bytes);
+        EXPECT_TRUE(members.complete) << test.name;
+        EXPECT_EQ(members.text, test.kept_text) << test.name;
+        EXPECT_EQ(report.records_removed, test.removed) << test.name;
+        EXPECT_EQ(report.files_repaired, test.removed == 0 ? 0u : 1u) << test.name;
+        if (test.kept_bytes) {
+            EXPECT_EQ(bytes, a + b) << test.name;
+        }
+        EXPECT_EQ(report.done.size(), 2u) << test.name;
+    }
+}
+
+// A resumed run writes the kind of FASTQ file the save path already holds, or is refused untouched.
+TEST_F(OutputResumeTest, TheOtherKindOfFastqIsRefused) {
+    const fs::path pass = dir / "pass";
+    fs::create_directories(pass);
+    for (const bool compressed : {true, false}) {
+        const fs::path other = pass / (compressed ? "fastq_runid_x_0.fastq" : "fastq_runid_x_0.fastq.gz");
+        const std::string text = Record("a") + "@cut";
+        std::ofstream(other.string(), std::ios::binary) << text;
+        try {
+            Repair(compressed);
+            ADD_FAILURE() << "resumed over the other kind, compressed " << compressed;
+        } catch (const std::runtime_error& e) {
+            EXPECT_EQ(std::string(e.what()), "The save path '" + dir.string() + "' holds " +
+                                                 (compressed ? "uncompressed" : "compressed") +
+                                                 " FASTQ files of the run to resume. Resume it " +
+                                                 (compressed ? "without" : "with") +
+                                                 " --compress_fastq, or choose another save path.");
+        }
+        EXPECT_EQ(Slurp(other), text);
+        // With the same kind, the file is taken up and repaired.
+        EXPECT_NO_THROW(Repair(!compressed));
+        fs::remove(other);
+    }
+}
