@@ -6,8 +6,9 @@
 // with its qualities.
 //
 // One StrandCaller per worker thread: it owns the network runner and its buffers, which grow to the
-// longest strand seen (for a 96-unit GRU model with 1025 outputs, about 10 kB per block in the
-// runner and the decoder together, so some 600 MB for a 20 kb strand). The network is shared.
+// longest strand seen (the 1025 outputs dominate: about 10 kB per block in the runner and the
+// decoder together, so a process with one worker peaks at about 830 MB on 20 kb strands with the
+// shipped model). The network is shared.
 
 #include <cstdint>
 #include <memory>
