@@ -6,7 +6,8 @@
 #      the index that pairs are found in;
 #   4. call the pairs with basecaller_1d2 and the shipped workflow (selected by flow cell and kit);
 #   5. print the accuracy report against the truth: pair yield and the failure messages of the log,
-#      identities of single-strand and pair calls, quality calibration and the pass/fail counts.
+#      identities of single-strand and pair calls, quality calibration and the pass/fail counts;
+#   6. make the run's report page (demo_out/run_report.html).
 # Everything lands in demo_out/ (replaced on each run).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -29,4 +30,8 @@ build/bin/basecaller_1d2 --flowcell KFC-R1A --kit KLK-D210 \
 echo "== Accuracy against the truth"
 /usr/bin/python3 tools/accuracy/accuracy_report.py --data "$OUT/data" --single_strand "$OUT/single_strand" \
     --pairs "$OUT/pairs" --out "$OUT/report" --evaluate_calls build/bin/evaluate_calls
-echo "Outputs: $OUT/pairs (FASTQ, sequencing_summary.txt, telemetry, logs), $OUT/report (report.json, report.png)"
+echo "== Run report"
+/usr/bin/python3 tools/report/run_report.py --pairs "$OUT/pairs" --out "$OUT/run_report.html" --data "$OUT/data" \
+    --single_strand "$OUT/single_strand" --evaluate_calls build/bin/evaluate_calls
+echo "Outputs: $OUT/pairs (FASTQ, sequencing_summary.txt, telemetry, logs), $OUT/report (report.json, report.png),"
+echo "         $OUT/run_report.html (the run at a glance: open it in a browser)"
