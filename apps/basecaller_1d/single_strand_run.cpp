@@ -311,9 +311,12 @@ SingleStrandSummary SingleStrandRun::Run() {
         FilePlan plan;
         plan.path = path;
         plan.name = fs::path(path).filename().string();
-        plan.destination = options.output_path.empty()
-                               ? path
-                               : (fs::path(options.output_path) / fs::relative(path, options.input_path)).string();
+        // Lexically, not fs::relative: that resolves symbolic links, and a linked read file would then
+        // be written over the file it points to instead of into the output folder.
+        const fs::path inFolder = fs::path(path).lexically_normal().lexically_relative(
+            fs::path(options.input_path).lexically_normal());
+        plan.destination =
+            options.output_path.empty() ? path : (fs::path(options.output_path) / inFolder).string();
         std::vector<std::string> ids;
         try {
             DataAPI::Rawh5::ReadSource source(path, H5Mode::ReadOnly);

@@ -93,5 +93,14 @@ grep -q "Removed the unfinished copy .*partial-$dead" "$save"/basecaller_1d_log-
 "${CHECK[@]}" "$WORK/ref" "$save" "$out" "$ORIGINAL" "$reads" || fail "outputs after SIGKILL"
 "${CHECK[@]}" "$WORK/ref" "$WORK/ref" "$WORK/ref_reads" "$ORIGINAL" || fail "outputs of the uninterrupted run"
 
+# Read files given as symbolic links are annotated into the output folder, never over their targets.
+links=$WORK/links
+mkdir -p "$links" && for f in "$ORIGINAL"/*; do ln -s "$f" "$links/"; done
+before=$(cat "$ORIGINAL"/* | md5sum)
+step --input_path "$links" --output_path "$WORK/links_out" --save_path "$WORK/links_save" >/dev/null ||
+    fail "the run over linked read files failed"
+[ "$(cat "$ORIGINAL"/* | md5sum)" = "$before" ] || fail "a linked read file was written over its target"
+[ "$(ls "$WORK/links_out" | wc -l)" = "$(ls "$ORIGINAL" | wc -l)" ] || fail "annotated copies of linked files missing"
+
 [ "$failures" = 0 ] || exit 1
 echo "stop and resume: outputs equal the uninterrupted run at every stop point ($stop_points, kill at 2)"
