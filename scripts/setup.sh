@@ -20,6 +20,7 @@ PACKAGES=(
   libedlib-dev seqkit
   libminimap2-dev
   clang libfuzzer-14-dev libclang-rt-14-dev
+  snakemake
 )
 
 missing=()
