@@ -10,12 +10,8 @@ WORK=$(mktemp -d /tmp/kvx_gzip.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
 command -v seqkit >/dev/null || { echo "FAIL: seqkit is not installed (scripts/setup.sh)"; exit 1; }
 
-"$BIN/read_simulator" --output "$WORK/data" --seed 7 --molecules 8 --min_length 2000 --max_length 4000 \
-    --pair_fraction 0.8 >/dev/null
-"$BIN/basecaller_1d" --input_path "$WORK/data/reads" --save_path "$WORK/ss" --workers 2 --quiet >/dev/null
-ARGS=(--flowcell KFC-R1A --kit KLK-D210 --index_file "$WORK/ss/index_1d.tsv" --input_path "$WORK/data/reads"
-      --num_callers 1 --cpu_threads_per_caller 1 --chunks_per_caller 2 --records_per_fastq 2
-      --qscore_filtering --min_qscore 6.5 --quiet)
+. "$(dirname "$0")/small_pair_set.sh"
+small_pair_set "$BIN" "$WORK" 8 2
 
 "$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$WORK/plain"
 "$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$WORK/gz" --compress_fastq

@@ -17,13 +17,8 @@ RANDOM=$SEED
 STOPS=${2:-"term:$((1 + RANDOM % 5)) kill:$((1 + RANDOM % 5))"}
 echo "seed $SEED, stops: $STOPS"
 
-"$BIN/read_simulator" --output "$WORK/data" --seed 7 --molecules 12 --min_length 2000 --max_length 4000 \
-    --pair_fraction 0.8 >/dev/null
-"$BIN/basecaller_1d" --input_path "$WORK/data/reads" --save_path "$WORK/ss" --workers 2 --quiet >/dev/null
-# One caller holding few chunks, so that a stop leaves pairs to resume.
-ARGS=(--flowcell KFC-R1A --kit KLK-D210 --index_file "$WORK/ss/index_1d.tsv" --input_path "$WORK/data/reads"
-      --num_callers 1 --cpu_threads_per_caller 1 --chunks_per_caller 2 --records_per_fastq 3
-      --qscore_filtering --min_qscore 6.5 --quiet)
+. "$(dirname "$0")/small_pair_set.sh"
+small_pair_set "$BIN" "$WORK" 12 3
 
 "$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$WORK/reference"
 
