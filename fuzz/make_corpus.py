@@ -115,7 +115,7 @@ def compact(obj):
 
 def model_seeds():
     # The shipped model's layers, meta and stride, with every layer narrowed.
-    with open(os.path.join(ROOT, "data", "model_raw_r1_gru128x4.json")) as f:
+    with open(os.path.join(ROOT, "data", "model_raw_r1_gru96x4.json")) as f:
         shipped = json.load(f)
     first = shipped["sublayers"][0]
     narrow = {"type": "serial", "meta": dict(shipped["meta"], kmer_length=3, training={}),

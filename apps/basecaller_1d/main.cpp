@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     try {
         SingleStrandOptions opt;
         const auto dataDir = Common::ExecutableDirectory().parent_path() / "data";
-        const std::string defaultModel = (dataDir / "model_raw_r1_gru128x4.json").string();
+        const std::string defaultModel = (dataDir / "model_raw_r1_gru96x4.json").string();
         po::options_description desc(
             "Usage: basecaller_1d --input_path DIR --save_path DIR [options]\n"
             "\n"

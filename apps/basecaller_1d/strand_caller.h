@@ -25,8 +25,8 @@ namespace TestBed {
 // The shipped model's qualities, mapped so that a base printed as Q is wrong about 10^(-Q/10) of
 // the time: fitted on held-out simulated reads by tools/calibration/fit_qscores.py, whose record
 // (tools/calibration/qscore_calibration.json) a test holds these numbers to. Refit with a new model.
-constexpr float kCalibratedQscoreScale = 0.9f;
-constexpr float kCalibratedQscoreOffset = 7.9f;
+constexpr float kCalibratedQscoreScale = 1.18f;
+constexpr float kCalibratedQscoreOffset = 4.9f;
 
 struct StrandCallSettings {
     float qscore_offset = kCalibratedQscoreOffset;

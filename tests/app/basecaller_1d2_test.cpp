@@ -18,7 +18,7 @@ namespace fs = boost::filesystem;
 namespace {
 
 const std::string kProgram = std::string(KVX_BINARY_DIR) + "/bin/basecaller_1d2";
-const std::string kModel = std::string(KVX_BINARY_DIR) + "/data/model_raw_r1_gru128x4.json";
+const std::string kModel = std::string(KVX_BINARY_DIR) + "/data/model_raw_r1_gru96x4.json";
 const std::string kAbort = "An error occurred in the basecaller. Aborting.";
 const std::string kSummaryHeader =
     "filename1\tfilename2\tread_id1\tread_id2\trun_id\tchannel\tstart_time1\tstart_time2\ttrimmed_duration1\t"

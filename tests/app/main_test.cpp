@@ -231,7 +231,7 @@ TEST_F(MainTest, ModelAndMismatchTableResolveAgainstTheirSources) {
     const auto cpu = Run({"--flowcell", "KFC-R1A", "--kit", "KLK-D220", "-f", "index.txt", "-s", save2.string(),
                           "--cpu_threads_per_caller", "3"});
     EXPECT_EQ(cpu.code, 255);  // the run itself fails: there is no index.txt here
-    EXPECT_NE(cpu.out.find("model file:         " + kDataPath + "/model_raw_r1_gru128x4.json\n"), std::string::npos)
+    EXPECT_NE(cpu.out.find("model file:         " + kDataPath + "/model_raw_r1_gru96x4.json\n"), std::string::npos)
         << cpu.out;
     EXPECT_NE(cpu.out.find("config file:        " + kDataPath + "/dna_r1_1d2.cfg\n"), std::string::npos);
     EXPECT_NE(cpu.out.find("threads per caller: 3\n"), std::string::npos);

@@ -13,7 +13,9 @@ namespace {
 
 class MismatchTable : public ::testing::Test {
 protected:
-    std::string path = ::testing::TempDir() + "kvx_mismatch_table_test.txt";
+    // One file per test: ctest runs the tests of this fixture as parallel processes.
+    std::string path = ::testing::TempDir() + "kvx_mismatch_table_" +
+                       ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".txt";
     void TearDown() override { std::remove(path.c_str()); }
 
     // A table with a leading label column and `rows` probabilities; row k holds `value(k)`.

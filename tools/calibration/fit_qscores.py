@@ -16,7 +16,8 @@ value are merged. Of the maps under which every printed value holding at least 1
 within 1.5 of its empirical Q (as is the mean quality of all bases, which a read's mean_qscore is
 made of), it takes the one under which the errors are likeliest (the log-likelihood of each base
 being right or wrong at its printed probability, a proper scoring rule: it rewards qualities that
-tell bases apart, not only qualities that are right on average). Neither a least-squares line nor
+tell bases apart, not only qualities that are right on average). The gaps are judged on each
+fitting set's own bins as well as on the pooled ones (see fitted()). Neither a least-squares line nor
 the smallest worst gap will do: the pairs' empirical Q flattens out above a printed 8 or so, so a
 line through every bin is pulled flat and misprints the low bins that hold most of the errors, and
 the smallest gap is had by printing nearly one value for every base. The 0.5 of margin below the
@@ -94,6 +95,14 @@ def phred(errors, bases):
     return 60.0 if errors <= 0 else min(60.0, -10.0 * math.log10(errors / bases))
 
 
+# Printed values whose gap is held to MAX_GAP_Q. Above Q20 a single-strand model's empirical Q
+# flattens out (raw values 15 to 19 all hold bases at about Q22-23), which no straight map can
+# follow: holding those bins too leaves only maps that print nearly one value for every base, and
+# those cannot tell a likely base from an unlikely one. Above Q20 the likelihood alone keeps the
+# map from over-confidence; the figures record the gaps there.
+JUDGED_Q = (5, 20)
+
+
 def judge(bins, scale, offset):
     """(worst gap in Q, negative log-likelihood of the errors) of one map."""
     mapped = mapped_bins(bins, scale, offset)
@@ -104,24 +113,38 @@ def judge(bins, scale, offset):
         loss -= e * math.log(p) + (n - e) * math.log1p(-p)
         printed_error += n * p
         errors += e
-        if n >= 0.01 * total:
+        if n >= 0.01 * total and JUDGED_Q[0] <= q <= JUDGED_Q[1]:
             worst = max(worst, abs(q - phred(e, n)))
     worst = max(worst, abs(phred(printed_error, total) - phred(errors, total)))
     return worst, loss
 
 
 MAX_GAP_Q = 1.5
+GAP_STEP_Q = 0.25
 
 
-def fitted(calibration):
-    bins = calibration["bins"]
+def fitted(calibrations):
+    """The map for the runs of several fitting sets (one calibration each).
+
+    Each map is judged on every set's own bins as well as on the pooled ones: pooled bins can be right
+    on average while one setting (more noise, shorter dwell) is over-confident by several Q. Of the
+    maps whose worst gap over all sets is within MAX_GAP_Q it takes the likeliest on the pooled bases;
+    when no map is, the bound is widened in steps of GAP_STEP_Q until some are, so the fit still
+    spreads the unavoidable gap over the sets rather than leaving it all on one."""
+    pooled_bins = pooled(calibrations)["bins"]
     grid = [(s / 100.0, o / 10.0) for s in range(2, 301, 2) for o in range(0, 251)]
-    judged = [(judge(bins, scale, offset), scale, offset) for scale, offset in grid]
-    within = [j for j in judged if j[0][0] <= MAX_GAP_Q]
-    # The likeliest map within the gap, or failing that the one with the smallest gap.
-    (worst, loss), scale, offset = (min(within, key=lambda j: j[0][1]) if within else min(judged))
+    judged = []
+    for scale, offset in grid:
+        worst, loss = judge(pooled_bins, scale, offset)
+        per_set = max(judge(c["bins"], scale, offset)[0] for c in calibrations)
+        judged.append((max(worst, per_set), loss, scale, offset))
+    bound = MAX_GAP_Q
+    while not any(j[0] <= bound for j in judged):
+        bound += GAP_STEP_Q
+    worst, loss, scale, offset = min((j for j in judged if j[0] <= bound), key=lambda j: j[1])
+    total = pooled(calibrations)
     return {"qscore_scale": scale, "qscore_offset": offset, "worst_gap_q": round(worst, 2),
-            "bases": calibration["bases"], "errors": round(calibration["errors"], 1)}
+            "bases": total["bases"], "errors": round(total["errors"], 1)}
 
 
 def set_values(cfg_path, values):
@@ -161,9 +184,9 @@ def main():
             pairs.append(rep["calibration"]["pairs"])
             if len(singles) < len(fits):
                 singles.append(rep["calibration"]["single_strand"])
-        record["workflows"][cfg] = fitted(pooled(pairs))
+        record["workflows"][cfg] = fitted(pairs)
         print(f"{cfg}: {record['workflows'][cfg]}")
-    single = fitted(pooled(singles))
+    single = fitted(singles)
     record["single_strand"] = single
     print(f"single strand: {single}")
     if args.write:

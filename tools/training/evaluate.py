@@ -3,7 +3,7 @@
 its logits (the runtime's softmax has no max subtraction), and the identity of whole-strand calls made
 with the runner's transducer decoding (redone in numpy).
 
-  /usr/bin/python3 tools/training/evaluate.py --model data/model_raw_r1_gru128x4.json \
+  /usr/bin/python3 tools/training/evaluate.py --model data/model_raw_r1_gru96x4.json \
       --heldout /tmp/kvx_training/heldout_seed1002_n30 --evaluator build/bin/evaluate_calls
 
 Rows are scored in chunks of --chunk_rows rows, each starting from zero recurrent state as the
@@ -84,7 +84,7 @@ def score(model, strands, calls_path, chunk_rows=1000, rows=True):
 
 def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    p.add_argument("--model", default=os.path.join(REPO, "data", "model_raw_r1_gru128x4.json"))
+    p.add_argument("--model", default=os.path.join(REPO, "data", "model_raw_r1_gru96x4.json"))
     p.add_argument("--heldout", required=True)
     p.add_argument("--chunk_rows", type=int, default=1000)
     p.add_argument("--max_reads", type=int, default=0, help="call at most this many strands (0: all)")

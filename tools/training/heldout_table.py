@@ -3,7 +3,7 @@
 or more model files side by side: the table per held-out setting of MODEL_RECORD.md.
 
   /usr/bin/python3 tools/training/heldout_table.py --root /work/training_r2/heldout \
-      --model shipped=data/model_raw_r1_gru128x4.json --model new=/work/training_r3/model.json \
+      --model shipped=data/model_raw_r1_gru96x4.json --model new=/work/training_r3/model.json \
       --simulator build/bin/read_simulator --evaluator build/bin/evaluate_calls
 
 Missing held-out sets are simulated first. Calls are made as evaluate.py makes them (whole strands,

@@ -32,7 +32,7 @@ TOP = 8
 
 def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    p.add_argument("--model", default=os.path.join(REPO, "data", "model_raw_r1_gru128x4.json"))
+    p.add_argument("--model", default=os.path.join(REPO, "data", "model_raw_r1_gru96x4.json"))
     p.add_argument("--heldout", required=True, help="a simulated data set (not the training set)")
     p.add_argument("--samples", type=int, default=601, help="input samples (not a multiple of 3 on purpose)")
     p.add_argument("--offset", type=int, default=3000, help="first sample, counted from the strand start")
