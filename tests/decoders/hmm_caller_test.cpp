@@ -155,25 +155,6 @@ std::vector<float> flatten(const std::vector<std::vector<double>>& em) {
 
 }  // namespace
 
-TEST(CallerBase, UnimplementedOperationsSaySo) {
-    CallerBase base;
-    Common::EmissionBase<float> em;
-    Common::MatView<float> m;
-    std::vector<int> path;
-    std::vector<signed char> moves;
-    EXPECT_EQ(ErrorOf([&] { base.SetTrans(1, 1, 1, 0); }), "SetTrans() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.ForwardBackward(em, m); }), "ForwardBackward() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.GetLogLikelihood(); }), "GetLogLikelihood() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.GetWeights(); }), "GetWeights() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.NumStates(); }), "NumStates() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.Decode(em, path); }), "Decode() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.Decode(em, path, moves); }), "Decode() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.SimpleDecode(em, path); }), "SimpleDecode() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.InitTransitions(); }), "InitTransitions() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.FinalizeTransitions(); }), "FinalizeTransitions() not implemented.");
-    EXPECT_EQ(ErrorOf([&] { base.GetQualityData(m, m); }), "GetQualityData() not implemented.");
-}
-
 TEST(Caller, FactoryAndTransitionSettings) {
     for (int n : {64, 256, 1024, 4096, 16384, 65536, 262144, 1048576}) {
         EXPECT_EQ(BasecallHMM::CreateCaller(n)->NumStates(), n);
@@ -282,36 +263,6 @@ TEST(Caller64Decode, MatchesBruteForceOnContinuousValuesWithLeak) {
         const double got = pathScore(em, path, caller.StayProb(), caller.StepProb(), caller.SkipProb(), leak);
         EXPECT_NEAR(got / brute.score, 1.0, 1e-5) << "trial " << trial;
     }
-}
-
-TEST(Caller64Decode, TieRulesByHand) {
-    // Row 0 favours states 0 and 1 equally; the first largest wins the end of a one-row path.
-    Caller<64> caller;
-    caller.SetTrans(1, 1, 2, 0);
-    std::vector<float> em(kN, 0.5f);
-    em[1] = 1.0f;
-    em[0] = 1.0f;
-    Common::EmissionBase<float> one(em.data(), 1, kN, kN);
-    std::vector<int> path;
-    ASSERT_TRUE(caller.Decode(one, path));
-    EXPECT_EQ(path, std::vector<int>{0});
-
-    // State 4 (= (1 mod 16) * 4 + 0) can stay in 4 or step from 1. With prev[1] = 4 prev[4] the stay
-    // candidate 0.25 prev[4] equals the step candidate 0.0625 prev[1]: the stay, the earlier, wins.
-    std::vector<float> two(2 * kN, 0.0f);
-    two[1] = 1.0f;
-    two[4] = 0.25f;
-    two[kN + 4] = 1.0f;
-    Common::EmissionBase<float> em2(two.data(), 2, kN, kN);
-    std::vector<signed char> moves;
-    ASSERT_TRUE(caller.Decode(em2, path, moves));
-    EXPECT_EQ(path, (std::vector<int>{4, 4}));
-    EXPECT_EQ(moves[1], 0);
-    // Make the step strictly better and it is taken.
-    two[4] = 0.125f;
-    ASSERT_TRUE(caller.Decode(em2, path, moves));
-    EXPECT_EQ(path, (std::vector<int>{1, 4}));
-    EXPECT_EQ(moves[1], 1);
 }
 
 TEST(Caller, SimpleDecodeCountsTransitions) {
@@ -484,32 +435,6 @@ TEST(HmmKernels, EveryBuildMatchesTheReference) {
                 EXPECT_EQ(ref.leak, got.leak);
                 EXPECT_EQ(sets[0]->sumRow(n, em.data()), sets[i]->sumRow(n, em.data()));
             }
-        }
-    }
-}
-
-// The same through whole decodes: the path and the scale factors agree for every build.
-TEST(HmmKernels, CallerDecodeAgreesAcrossBuilds) {
-    std::mt19937 rng(9);
-    std::uniform_real_distribution<float> uni(0.0f, 1.0f);
-    const std::size_t n = 50;
-    std::vector<float> em(n * 1024);
-    for (auto& x : em) x = uni(rng) * uni(rng);
-    Common::EmissionBase<float> emissions(em.data(), n, 1024, 1024);
-    std::vector<int> refPath;
-    float refLikelihood = 0;
-    for (const auto* set : kernels::AvailableKernels(1024)) {
-        Caller<1024> caller;
-        caller.UseKernels(set);
-        caller.SetTrans(0.3f, 0.6f, 0.1f, 0.001f);
-        std::vector<int> path;
-        ASSERT_TRUE(caller.Decode(emissions, path));
-        if (refPath.empty()) {
-            refPath = path;
-            refLikelihood = caller.GetLogLikelihood();
-        } else {
-            EXPECT_EQ(path, refPath) << set->name;
-            EXPECT_EQ(caller.GetLogLikelihood(), refLikelihood) << set->name;
         }
     }
 }
