@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "basecall_nn/basecall_config.h"
+#include "basecall_nn/nn_caller_cblas.h"
 #include "nn_test_util.h"
 
 using namespace BasecallNN;
@@ -222,7 +223,6 @@ TEST(NNLoaderTest, QueriesOfTesselFiles) {
         EXPECT_EQ(caller.feature_kind, kFeaturesRaw);
         EXPECT_EQ(caller.window, std::vector<std::int32_t>{0});
         EXPECT_EQ(caller.event_stride, 6);
-        EXPECT_EQ(caller.layers.size(), 5u);  // two window layers, two feed-forward, the softmax
     }
     {
         auto [file, l] = loader(serial({feedforward(3, 4), softmax(4, 5)}, R"("meta":{"transducer":"yes"},)"));
@@ -286,9 +286,9 @@ TEST(NNLoaderTest, SoftmaxRotationAndTemperatures) {
     for (const auto& [json, order] : {std::make_pair(tessel, rotated), std::make_pair(quorlet, plain)}) {
         TempFile file(json);
         NNLoader loader(file.path, 2.0f, 4.0f);
-        RecordingCaller caller;
-        loader.LoadInto(caller);
-        const auto* layer = dynamic_cast<const Softmax*>(caller.layers.back().get());
+        NNCallerCblas network;
+        loader.LoadInto(network);
+        const auto* layer = dynamic_cast<const Softmax*>(network.Layers().back().get());
         ASSERT_NE(layer, nullptr);
         for (std::size_t j = 0; j < 5; ++j) {
             EXPECT_FLOAT_EQ(layer->W.view(0, j), order[j] / 2.0f);
@@ -301,9 +301,9 @@ TEST(NNLoaderTest, LstmBiasFlagAndGateBlocks) {
     // "bias": false gives zero biases although "b" is there.
     TempFile file(serial({feedforward(1, 3), lstm(3, 2, "tanh", false), softmax(2, 5)}));
     NNLoader loader(file.path);
-    RecordingCaller caller;
-    loader.LoadInto(caller);
-    const auto* layer = dynamic_cast<const Lstm*>(caller.layers[1].get());
+    NNCallerCblas network;
+    loader.LoadInto(network);
+    const auto* layer = dynamic_cast<const Lstm*>(network.Layers()[1].get());
     ASSERT_NE(layer, nullptr);
     for (std::size_t i = 0; i < 8; ++i) EXPECT_EQ(layer->bias.view[i], 0.0f);
     // The file's blocks are cell, input, forget, output, which is also the layer's order; its
@@ -400,22 +400,12 @@ TEST(NNLoaderTest, QuorletQueries) {
     EXPECT_EQ(caller.label_state, 16);
 }
 
-TEST(BasecallConfigTest, TakesSettingsAndAsksTheModel) {
+TEST(BasecallConfigTest, AsksTheModelAndNumbersConfigs) {
     TempFile file(serial({convolution(1, 4, 3, 5), softmax(4, 1025)}));
     BasecallSettings settings;
     settings.model_file = file.path;
-    settings.qscore_offset = 0.5f;
-    settings.qscore_scale = 0.9f;
-    settings.stay_penalty = 2.0f;
-    settings.hp_correct = false;
     auto config = std::make_shared<BasecallConfig>("", settings);
-    EXPECT_EQ(config->id, "");
-    EXPECT_EQ(config->model_file, file.path);
     EXPECT_EQ(config->loader.ModelPath(), file.path);
-    EXPECT_FLOAT_EQ(config->qscore_offset, 0.5f);
-    EXPECT_FLOAT_EQ(config->qscore_scale, 0.9f);
-    EXPECT_FLOAT_EQ(config->stay_penalty, 2.0f);
-    EXPECT_FALSE(config->hp_correct);
     EXPECT_TRUE(config->raw_model);
     EXPECT_EQ(config->model_stride, 5u);
     EXPECT_EQ(config->model_size, 5u);
