@@ -1,14 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <memory>
-#include <new>
 #include <numeric>
 #include <random>
 #include <stdexcept>
@@ -22,55 +17,8 @@
 #include "decoders/hmm_caller.h"
 #include "decoders/state_moves.h"
 #include "decoders/transducer_decoder.h"
+#include "allocation_counter.h"
 #include "nn_test_util.h"
-
-// ---- Allocation counting for this test program: every operator new and posix_memalign while armed ----
-
-namespace {
-std::atomic<bool> gCounting{false};
-std::atomic<long> gAllocations{0};
-void countAllocation() {
-    if (gCounting.load(std::memory_order_relaxed)) {
-        gAllocations.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-// Out of line, so that the compiler does not pair an inlined operator new with free() and warn.
-__attribute__((noinline)) void* countedMalloc(std::size_t n) {
-    countAllocation();
-    if (void* p = std::malloc(n == 0 ? 1 : n)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-__attribute__((noinline)) void release(void* p) noexcept { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t n) { return countedMalloc(n); }
-void* operator new[](std::size_t n) { return countedMalloc(n); }
-void operator delete(void* p) noexcept { release(p); }
-void operator delete[](void* p) noexcept { release(p); }
-void operator delete(void* p, std::size_t) noexcept { release(p); }
-void operator delete[](void* p, std::size_t) noexcept { release(p); }
-// The nothrow forms too, so that no allocation escapes the count and every pair matches under ASan.
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
-    try {
-        return countedMalloc(n);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { release(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { release(p); }
-
-// The aligned buffers of the runtime come from posix_memalign (Common::Allocator).
-extern "C" int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
-    using Real = int (*)(void**, std::size_t, std::size_t);
-    static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "posix_memalign"));
-    countAllocation();
-    return real(out, alignment, size);
-}
 
 namespace {
 
@@ -514,41 +462,27 @@ TEST(NNRunnerCblas, EventModelReadsWindowedFeatures) {
 // Steady state: a second call of the same size allocates nothing at all, layer buffers included.
 TEST(NNRunnerCblas, SteadyCallsDoNotAllocate) {
     // The counter sees the aligned allocator too.
-    gAllocations = 0;
-    gCounting = true;
-    { Common::AlignedVector32<float> probe(100); }
-    gCounting = false;
-    ASSERT_EQ(gAllocations.load(), 1);
+    ASSERT_EQ(alloc_test::AllocationsDuring([] { Common::AlignedVector32<float> probe(100); }), 1);
 
     for (int type : {BasecallNN::kTransducer, BasecallNN::kNontransducer}) {
         auto model = rawModel(type);
         auto runner = runnerFor(model, 400);
-        auto samples = signal(400, 11);
-        EventData<Deep> events(200);
+        auto samples = signal(400, 11), longer = signal(600, 11);
+        EventData<Deep> events;
         TransProbs trans;
-        runner->Call(events, Common::VecView<float>(samples.data(), 400, 1), 4000.0f, trans, 1e-5f, -1, -1, true,
-                     true, false);
+        const auto callOn = [&](std::vector<float>& raw) {
+            events.resize(raw.size() / 2);
+            runner->Call(events, Common::VecView<float>(raw.data(), raw.size(), 1), 4000.0f, trans, 1e-5f, -1, -1,
+                         true, true, false);
+        };
+        callOn(samples);
         ASSERT_TRUE(std::isfinite(runner->score));
         const float* bufferBefore = runner->InputView().data;
-        events.resize(200);
-        gAllocations = 0;
-        gCounting = true;
-        runner->Call(events, Common::VecView<float>(samples.data(), 400, 1), 4000.0f, trans, 1e-5f, -1, -1, true,
-                     true, false);
-        gCounting = false;
-        EXPECT_EQ(gAllocations.load(), 0) << "decode type " << type;
+        EXPECT_EQ(alloc_test::AllocationsDuring([&] { callOn(samples); }), 0) << "decode type " << type;
         EXPECT_EQ(runner->InputView().data, bufferBefore);
         ASSERT_TRUE(std::isfinite(runner->score));
-
         // A larger chunk grows the buffers once; the counting itself is working.
-        auto longer = signal(600, 11);
-        events.resize(300);
-        gAllocations = 0;
-        gCounting = true;
-        runner->Call(events, Common::VecView<float>(longer.data(), 600, 1), 4000.0f, trans, 1e-5f, -1, -1, true,
-                     true, false);
-        gCounting = false;
-        EXPECT_GT(gAllocations.load(), 0);
+        EXPECT_GT(alloc_test::AllocationsDuring([&] { callOn(longer); }), 0);
     }
 }
 

@@ -4,13 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <map>
-#include <new>
 #include <random>
 #include <vector>
 
@@ -18,35 +16,7 @@
 #include "decoders/prior_band.h"
 #include "decoders/viterbi_md_kernel.h"
 
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-// Counts heap allocations while `countAllocations` is set, to show that a decoding call allocates
-// nothing but its outputs.
-namespace {
-std::atomic<bool> countAllocations{false};
-std::atomic<long> allocationCount{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (countAllocations.load(std::memory_order_relaxed)) {
-        allocationCount.fetch_add(1, std::memory_order_relaxed);
-    }
-    if (void* p = std::malloc(size == 0 ? 1 : size)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-// The nothrow forms must come from the same heap (std::stable_sort's buffer uses them), or a
-// sanitizer build reports a new/free mismatch.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (countAllocations.load(std::memory_order_relaxed)) {
-        allocationCount.fetch_add(1, std::memory_order_relaxed);
-    }
-    return std::malloc(size == 0 ? 1 : size);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+#include "../basecall_nn/allocation_counter.h"
 
 namespace {
 
@@ -436,11 +406,11 @@ TEST(ViterbiMD, CallAllocatesOnlyItsOutputs) {
     Common::MatView<float> p2(in.post2.data(), in.n2, in.N, in.N);
     Common::VecView<float> s1(in.stay1);
     Common::VecView<float> s2(in.stay2);
-    allocationCount = 0;
-    countAllocations = true;
-    decoder.Call(p1, p2, s1, s2, in.bandStart, in.bandEnd, in.startScores, r.alignment, r.states, -1.0f, -1.0f);
-    countAllocations = false;
-    EXPECT_EQ(allocationCount.load(), 0);
+    EXPECT_EQ(alloc_test::AllocationsDuring([&] {
+                  decoder.Call(p1, p2, s1, s2, in.bandStart, in.bandEnd, in.startScores, r.alignment, r.states, -1.0f,
+                               -1.0f);
+              }),
+              0);
     EXPECT_FALSE(r.alignment.empty());
 }
 
