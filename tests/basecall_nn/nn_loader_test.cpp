@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,6 +14,7 @@
 
 using namespace BasecallNN;
 using nn_test::RecordingCaller;
+using nn_test::ErrorOf;
 using nn_test::TempFile;
 
 namespace {
@@ -71,19 +71,10 @@ std::string parallel(const std::string& a, const std::string& b) {
     return wrap("parallel", "[" + a + "," + b + "]");
 }
 
-// The message of the runtime_error that fn throws.
-std::string failure(const std::function<void()>& fn) {
-    try {
-        fn();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(no exception)";
-}
 // Opening and loading into a recording caller.
 std::string loadFailure(const std::string& json) {
     TempFile file(json);
-    return failure([&] {
+    return ErrorOf([&] {
         NNLoader loader(file.path);
         RecordingCaller caller;
         loader.LoadInto(caller);
@@ -93,11 +84,11 @@ std::string loadFailure(const std::string& json) {
 }  // namespace
 
 TEST(NNLoaderTest, FilesThatAreNotModels) {
-    EXPECT_EQ(failure([] { NNLoader("/nonexistent/model.json"); }),
+    EXPECT_EQ(ErrorOf([] { NNLoader("/nonexistent/model.json"); }),
               "Model File \"/nonexistent/model.json\" could not be opened.");
     for (const std::string text : {"{\"layers\": [", "[1, 2]", "{\"weights\": {}}", "", "not json"}) {
         TempFile file(text);
-        EXPECT_EQ(failure([&] { NNLoader loader(file.path); }),
+        EXPECT_EQ(ErrorOf([&] { NNLoader loader(file.path); }),
                   "Model File \"" + file.path + "\" is not a valid NN model file.")
             << text;
     }
@@ -240,7 +231,7 @@ TEST(NNLoaderTest, QueriesOfTesselFiles) {
     }
     for (const int size : {2, 6, 18, 33}) {
         auto [file, l] = loader(serial({feedforward(3, 4), softmax(4, size)}));
-        EXPECT_EQ(failure([&] { l->GetLablLength(); }),
+        EXPECT_EQ(ErrorOf([&] { l->GetLablLength(); }),
                   "Unsupported number of states: " + std::to_string(size - 1) +
                       ". State count should be a positive power of 4.");
     }
@@ -362,7 +353,7 @@ TEST(NNLoaderTest, QuorletFeaturesWindowAndMessages) {
     }
     {
         RecordingCaller caller;
-        EXPECT_EQ(failure([&] { load(R"("meta":{"feature_function":"events"},)", caller); }),
+        EXPECT_EQ(ErrorOf([&] { load(R"("meta":{"feature_function":"events"},)", caller); }),
                   "Unrecognised feature function: events");
     }
     EXPECT_EQ(loadFailure(R"({"layers":[{"type":"input","name":"i","size":2}]})"),
@@ -415,11 +406,11 @@ TEST(BasecallConfigTest, AsksTheModelAndNumbersConfigs) {
     EXPECT_EQ(manager.AddConfig(config), 0u);
     EXPECT_EQ(manager.AddConfig(config), 1u);
     EXPECT_EQ(manager.GetConfig(1), config);
-    EXPECT_EQ(failure([&] { manager.GetConfig(2); }), "Invalid baseacall config ID");
+    EXPECT_EQ(ErrorOf([&] { manager.GetConfig(2); }), "Invalid baseacall config ID");
 
     settings.model_file = "/nonexistent.json";
-    EXPECT_EQ(failure([&] { BasecallConfig("", settings); }), "Model File \"/nonexistent.json\" could not be opened.");
+    EXPECT_EQ(ErrorOf([&] { BasecallConfig("", settings); }), "Model File \"/nonexistent.json\" could not be opened.");
     TempFile empty(R"({"type":"serial","sublayers":[]})");
     settings.model_file = empty.path;
-    EXPECT_EQ(failure([&] { BasecallConfig("", settings); }), "No neural network layers found.");
+    EXPECT_EQ(ErrorOf([&] { BasecallConfig("", settings); }), "No neural network layers found.");
 }

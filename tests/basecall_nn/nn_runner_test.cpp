@@ -28,15 +28,7 @@ using BasecallNN::TransProbs;
 using Common::Deep;
 using Common::EventData;
 
-template <typename F>
-std::string ErrorOf(F f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no error>";
-}
+using nn_test::ErrorOf;
 
 // Random parameters that stay alive while a model is built; the layers copy them.
 struct Params {

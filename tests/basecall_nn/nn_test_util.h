@@ -23,6 +23,17 @@
 
 namespace nn_test {
 
+// The message of the runtime_error that f throws.
+template <typename F>
+std::string ErrorOf(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "(no exception)";
+}
+
 // A float matrix with rows padded as the runtime pads them (width 1 stays unpadded).
 struct Matrix {
     Matrix() = default;

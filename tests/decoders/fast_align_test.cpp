@@ -77,8 +77,8 @@ std::int32_t bandedAlign(const Problem& p, int half, AlignmentPath& path, std::i
             }
             const int penA = j == 0 ? p.gaps[3] : (j == m ? p.gaps[4] : p.gaps[5]);
             const int penB = i == 0 ? p.gaps[0] : (i == n ? p.gaps[1] : p.gaps[2]);
-            const std::int64_t diag = i > 0 && j > 0 ? H[at(i - 1, j - 1)] + p.matrix[p.first[i - 1] * p.size + p.second[j - 1]]
-                                                     : kUnreachable;
+            const std::int64_t diag =
+                i > 0 && j > 0 ? H[at(i - 1, j - 1)] + p.matrix[p.first[i - 1] * p.size + p.second[j - 1]] : kUnreachable;
             const std::int64_t b = (j > 0 ? H[at(i, j - 1)] : kUnreachable) - penB;
             const std::int64_t a = (i > 0 ? H[at(i - 1, j)] : kUnreachable) - penA;
             if (diag >= b && diag >= a) {
@@ -159,7 +159,8 @@ TEST(FastAlign, MatchesBandedFullMatrixReference) {
         std::map<std::pair<int, KernelIsa>, FastAlign> aligners;
         for (const int band : bands) {
             for (KernelIsa isa : kernels) {
-                auto& aligner = aligners.emplace(std::make_pair(band, isa), FastAlign(p.View(), gaps, band)).first->second;
+                FastAlign& aligner = aligners.emplace(std::make_pair(band, isa), FastAlign(p.View(), gaps, band))
+                                         .first->second;
                 ASSERT_TRUE(aligner.SetKernel(isa));
                 ASSERT_EQ(aligner.Band(), band | 1);  // an even band grows by one
             }
