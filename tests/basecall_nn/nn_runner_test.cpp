@@ -250,21 +250,6 @@ TEST(NNRunnerCblas, TransducerCallGivesPathStaysAndQuality) {
     EXPECT_EQ(runner->pathViews.size(), n);
 }
 
-TEST(NNRunnerCblas, AllBucketRowsCarryEverything) {
-    // A bias of 60 on the stay column: every row is all stay after its first, to float rounding.
-    auto model = rawModel(BasecallNN::kTransducer, 64, 60.0f);
-    auto runner = runnerFor(model, 100);
-    auto samples = signal(100, 3);
-    CallResult r = call(*runner, samples, 50);
-    ASSERT_TRUE(std::isfinite(runner->score));
-    for (std::size_t i = 1; i < 50; ++i) {
-        EXPECT_NEAR(runner->weights[i], 0.0f, 1e-6f) << i;
-        EXPECT_EQ(runner->moves[i], 0) << i;
-    }
-    EXPECT_NEAR(r.trans.stay, 49.0 / 50.0, 1e-6);
-    EXPECT_EQ(r.trans.skip, 0.0f);
-}
-
 TEST(NNRunnerCblas, NontransducerCallDecodesWithEstimatedTransitions) {
     auto model = rawModel(BasecallNN::kNontransducer);
     auto runner = runnerFor(model, 400);
@@ -370,14 +355,18 @@ TEST(NNRunnerCblas, TransducerShrinkDropsRowsWithoutState) {
 
 TEST(NNRunnerCblas, FlipflopSizeCheckAndDecode) {
     Params p;
-    auto model = std::make_shared<NNCallerCblas>();
-    model->AddConvolution(BasecallNN::v_tanh, 1, 5, 8, 2, 2, 2, p.matrix(5, 8, 1.0f), p.vector(8, 0.1f));
-    model->AddGlobalNormTwoState(8, 40, p.matrix(8, 40, 1.0f), p.vector(40, 0.1f));
-    model->num_states = 40;
-    model->label_state = 4;
-    model->feature_kind = BasecallNN::kFeaturesRaw;
-    model->decode_type = BasecallNN::kFlipflop;
-    auto runner = runnerFor(model, 100);
+    // Flip-flop output is 40 columns for four bases; 41 is refused.
+    const auto flipflop = [&p](int columns) {
+        auto model = std::make_shared<NNCallerCblas>();
+        model->AddConvolution(BasecallNN::v_tanh, 1, 5, 8, 2, 2, 2, p.matrix(5, 8, 1.0f), p.vector(8, 0.1f));
+        model->AddGlobalNormTwoState(8, columns, p.matrix(8, columns, 1.0f), p.vector(columns, 0.1f));
+        model->num_states = columns;
+        model->label_state = 4;
+        model->feature_kind = BasecallNN::kFeaturesRaw;
+        model->decode_type = BasecallNN::kFlipflop;
+        return runnerFor(model, 100);
+    };
+    auto runner = flipflop(40);
     auto samples = signal(100);
     CallResult r = call(*runner, samples, 50, true, false);
     ASSERT_TRUE(std::isfinite(runner->score));
@@ -385,16 +374,7 @@ TEST(NNRunnerCblas, FlipflopSizeCheckAndDecode) {
     EXPECT_EQ(runner->states.size(), 50u);
     EXPECT_EQ(runner->qualityData.size(), 50u * 4);
     EXPECT_EQ(r.events.size(), 50u);
-
-    auto wide = std::make_shared<NNCallerCblas>();
-    wide->AddConvolution(BasecallNN::v_tanh, 1, 5, 8, 2, 2, 2, p.matrix(5, 8, 1.0f), p.vector(8, 0.1f));
-    wide->AddGlobalNormTwoState(8, 41, p.matrix(8, 41, 1.0f), p.vector(41, 0.1f));
-    wide->num_states = 41;
-    wide->label_state = 4;
-    wide->feature_kind = BasecallNN::kFeaturesRaw;
-    wide->decode_type = BasecallNN::kFlipflop;
-    auto wideRunner = runnerFor(wide, 100);
-    EXPECT_EQ(ErrorOf([&] { call(*wideRunner, samples, 50, true, false); }), "Unexpected size of posterior matrix.");
+    EXPECT_EQ(ErrorOf([&] { call(*flipflop(41), samples, 50, true, false); }), "Unexpected size of posterior matrix.");
 }
 
 TEST(NNRunnerCblas, EventModelReadsWindowedFeatures) {

@@ -77,8 +77,8 @@ std::int32_t bandedAlign(const Problem& p, int half, AlignmentPath& path, std::i
             }
             const int penA = j == 0 ? p.gaps[3] : (j == m ? p.gaps[4] : p.gaps[5]);
             const int penB = i == 0 ? p.gaps[0] : (i == n ? p.gaps[1] : p.gaps[2]);
-            const std::int64_t diag =
-                i > 0 && j > 0 ? H[at(i - 1, j - 1)] + p.matrix[p.first[i - 1] * p.size + p.second[j - 1]] : kUnreachable;
+            const int sub = i > 0 && j > 0 ? p.matrix[p.first[i - 1] * p.size + p.second[j - 1]] : 0;
+            const std::int64_t diag = i > 0 && j > 0 ? H[at(i - 1, j - 1)] + sub : kUnreachable;
             const std::int64_t b = (j > 0 ? H[at(i, j - 1)] : kUnreachable) - penB;
             const std::int64_t a = (i > 0 ? H[at(i - 1, j)] : kUnreachable) - penA;
             if (diag >= b && diag >= a) {
