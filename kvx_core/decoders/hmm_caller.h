@@ -1,7 +1,7 @@
 #pragma once
 // The one-dimensional hidden Markov decoder. Given one row of emission probabilities per event over
-// N = 4^k k-mer states it runs forward-backward, a Viterbi decode or the simple decode that also
-// counts transitions, and it holds the transition settings and the quality matrix.
+// N = 4^k k-mer states it runs a Viterbi decode, and it holds the transition settings and the quality
+// matrix.
 //
 // Transitions: from state p an event may stay in p, step to one of the 4 states that append one base,
 // skip to one of the 16 that append two, or (with the flat "leak" probability) jump anywhere. There is

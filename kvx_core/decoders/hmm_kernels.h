@@ -1,6 +1,6 @@
 #pragma once
-// Row kernels of the one-dimensional decoder (Caller<N>): one event's step of the forward pass, the
-// backward pass and the Viterbi decode. Each kernel set is built from one source per instruction set
+// Row kernels of the one-dimensional decoders: one event's step of the Viterbi decode (Caller<N>) and
+// of the transducer search (TransducerDecoder). Each kernel set is built from one source per instruction set
 // (hmm_kernels_impl.h, compiled in hmm_kernels_default.cpp, hmm_kernels_avx2.cpp and
 // hmm_kernels_avx512.cpp); a plain scalar reference (hmm_kernels_reference.cpp) states what they
 // compute. Every variant gives bit-identical results: row sums run in the same fixed order everywhere
