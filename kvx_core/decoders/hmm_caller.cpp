@@ -10,36 +10,7 @@
 
 namespace BasecallHMM {
 
-// ---- CallerBase: every operation a decoder does not provide says so ----
-
 CallerBase::~CallerBase() = default;
-
-void CallerBase::SetTrans(float, float, float, float) { throw std::runtime_error("SetTrans() not implemented."); }
-bool CallerBase::ForwardBackward(const Common::EmissionBase<float>&, Common::MatView<float>&) {
-    throw std::runtime_error("ForwardBackward() not implemented.");
-}
-float CallerBase::GetLogLikelihood() const { throw std::runtime_error("GetLogLikelihood() not implemented."); }
-Common::VecView<float> CallerBase::GetWeights() { throw std::runtime_error("GetWeights() not implemented."); }
-int CallerBase::NumStates() const { throw std::runtime_error("NumStates() not implemented."); }
-bool CallerBase::Decode(const Common::EmissionBase<float>&, std::vector<int>&) {
-    throw std::runtime_error("Decode() not implemented.");
-}
-bool CallerBase::Decode(const Common::EmissionBase<float>&, std::vector<int>&, std::vector<signed char>&) {
-    throw std::runtime_error("Decode() not implemented.");
-}
-bool CallerBase::SimpleDecode(const Common::EmissionBase<float>&, std::vector<int>&) {
-    throw std::runtime_error("SimpleDecode() not implemented.");
-}
-void CallerBase::InitTransitions() { throw std::runtime_error("InitTransitions() not implemented."); }
-std::vector<float> CallerBase::FinalizeTransitions() const {
-    throw std::runtime_error("FinalizeTransitions() not implemented.");
-}
-void CallerBase::GetQualityData(const Common::MatView<float>&, Common::MatView<float>&) {
-    throw std::runtime_error("GetQualityData() not implemented.");
-}
-void CallerBase::TransitionExpectations(const Common::MatView<float>&, Common::MatView<float>&) {
-    throw std::runtime_error("TransitionExpectations() not implemented.");
-}
 
 // ---- Caller<N> ----
 
@@ -95,76 +66,6 @@ bool Caller<N>::checkedScale(float* row, float sum) {
 }
 
 template <int N>
-bool Caller<N>::ForwardBackward(const Common::EmissionBase<float>& emissions, Common::MatView<float>& posteriors) {
-    KVX_LOG(trace) << "BasecallHMM::Caller::ForwardBackward()";
-    checkEmissions(emissions, N);
-    if (posteriors.rows != emissions.rows || posteriors.cols != static_cast<std::uint64_t>(N)) {
-        throw std::runtime_error("Unexpected size of posterior matrix.");
-    }
-    const std::size_t n = emissions.rows;
-    eventCount = static_cast<int>(n);
-    outRows = posteriors.data;
-    forward.resize(n * N);
-    backward.resize(n * N);
-    scales.assign(n, 0.0f);
-    backScales.assign(n, 0.0f);
-    weights.assign(n, 0.0f);
-    if (n == 0) {
-        return true;
-    }
-    const kernels::TransParams tp{pStay, pStep, pSkip, pLeak};
-
-    std::fill(rowA.begin(), rowA.end(), kInvStates);
-    const float* prev = rowA.data();
-    for (std::size_t e = 0; e < n; ++e) {
-        float* cur = forward.data() + e * N;
-        const float sum = kernelSet->forwardRow(N, prev, emissionRow(emissions, e), cur, tp, work.data());
-        if (!checkedScale(cur, sum)) {
-            scales[e] = 0.0f;
-            return false;
-        }
-        scales[e] = sum;
-        prev = cur;
-    }
-
-    float* last = backward.data() + (n - 1) * N;
-    std::fill(last, last + N, startProb * endProb);
-    backScales[n - 1] = 1.0f;
-    for (std::size_t e = n - 1; e-- > 0;) {
-        float* cur = backward.data() + e * N;
-        const float sum = kernelSet->backwardRow(N, backward.data() + (e + 1) * N, emissionRow(emissions, e + 1),
-                                                 cur, tp, work.data());
-        if (!checkedScale(cur, sum)) {
-            return false;
-        }
-        backScales[e] = sum;
-    }
-
-    for (std::size_t e = 0; e < n; ++e) {
-        const float* f = forward.data() + e * N;
-        const float* b = backward.data() + e * N;
-        float* post = rowB.data();
-        for (int s = 0; s < N; ++s) {
-            post[s] = f[s] * b[s];
-        }
-        float sum = 0.0f;
-        for (int s = 0; s < N; ++s) {
-            sum += post[s];
-        }
-        if (!(sum >= kMinRowSum) || !std::isfinite(sum)) {
-            return false;
-        }
-        const float inv = 1.0f / sum;
-        auto out = posteriors.row(e);
-        for (int s = 0; s < N; ++s) {
-            out[s] = post[s] * inv;
-        }
-        weights[e] = scales[e] / backScales[e];
-    }
-    return true;
-}
-
-template <int N>
 float Caller<N>::GetLogLikelihood() const {
     float total = 0.0f;
     for (float s : scales) {
@@ -174,16 +75,10 @@ float Caller<N>::GetLogLikelihood() const {
 }
 
 template <int N>
-Common::VecView<float> Caller<N>::GetWeights() {
-    return Common::VecView<float>(weights.data(), weights.size(), 1);
-}
-
-template <int N>
 bool Caller<N>::decodeRows(const Common::EmissionBase<float>& emissions, std::vector<int>& path,
                            std::vector<signed char>* moves) {
     checkEmissions(emissions, N);
     const std::size_t n = emissions.rows;
-    eventCount = static_cast<int>(n);
     path.assign(n, 0);
     if (moves != nullptr) {
         moves->assign(n, 0);
@@ -263,38 +158,7 @@ bool Caller<N>::Decode(const Common::EmissionBase<float>& emissions, std::vector
 
 template <int N>
 bool Caller<N>::SimpleDecode(const Common::EmissionBase<float>& emissions, std::vector<int>& path) {
-    if (!decodeRows(emissions, path, &decodeMoves)) {
-        return false;
-    }
-    for (std::size_t e = 1; e < decodeMoves.size(); ++e) {
-        const int move = decodeMoves[e];
-        if (move == 0) {
-            stayCount += 1.0f;
-        } else if (move == 1) {
-            stepCount += 1.0f;
-        } else {
-            skipCount += 1.0f;
-        }
-    }
-    return true;
-}
-
-template <int N>
-void Caller<N>::InitTransitions() {
-    stayCount = 0.0f;
-    stepCount = 0.0f;
-    skipCount = 0.0f;
-}
-
-template <int N>
-std::vector<float> Caller<N>::FinalizeTransitions() const {
-    const float total = stayCount + stepCount + skipCount;
-    if (total <= 0.0f) {
-        // Nothing was counted: no estimate, rather than a division by zero.
-        return {0.0f, 0.0f, 0.0f, pLeak * N};
-    }
-    const float f = 1.0f / total;
-    return {f * stayCount, f * stepCount, f * skipCount, pLeak * N};
+    return decodeRows(emissions, path, nullptr);
 }
 
 template <int N>

@@ -1,7 +1,7 @@
 #pragma once
 // The one-dimensional hidden Markov decoder. Given one row of emission probabilities per event over
-// N = 4^k k-mer states it runs forward-backward, a Viterbi decode or the simple decode that also
-// counts transitions, and it holds the transition settings and the quality matrix.
+// N = 4^k k-mer states it runs a Viterbi decode, and it holds the transition settings and the quality
+// matrix.
 //
 // Transitions: from state p an event may stay in p, step to one of the 4 states that append one base,
 // skip to one of the 16 that append two, or (with the flat "leak" probability) jump anywhere. There is
@@ -27,33 +27,24 @@ public:
 
     // Stores the transition probabilities: stay, step and skip are normalised together and spread
     // over the 4 step and 16 skip targets; leak is a flat probability of any state, leak / N each.
-    virtual void SetTrans(float stay, float step, float skip, float leak);
-    // Posterior probability of each state at each event, rows normalised to 1. False if a row of the
-    // forward or backward pass sums to zero or overflows; the object is then not to be used further.
-    virtual bool ForwardBackward(const Common::EmissionBase<float>& emissions, Common::MatView<float>& posteriors);
-    // Sum over events of the log of the forward scale factors.
-    virtual float GetLogLikelihood() const;
-    // Per event, the ratio of the forward and backward scale factors of the last ForwardBackward.
-    virtual Common::VecView<float> GetWeights();
-    virtual int NumStates() const;
+    virtual void SetTrans(float stay, float step, float skip, float leak) = 0;
+    // Sum over events of the log of the scale factors of the last decode.
+    virtual float GetLogLikelihood() const = 0;
+    virtual int NumStates() const = 0;
     // Viterbi path: one state per event. False on a zero or overflowing row.
-    virtual bool Decode(const Common::EmissionBase<float>& emissions, std::vector<int>& path);
+    virtual bool Decode(const Common::EmissionBase<float>& emissions, std::vector<int>& path) = 0;
     // The same, also giving the move of each event (0 stay, 1 step, 2 skip; a flat jump counts the
     // new bases it needs, up to k). The first event's move is 1.
     virtual bool Decode(const Common::EmissionBase<float>& emissions, std::vector<int>& path,
-                        std::vector<signed char>& moves);
-    // Decode, with the stays, steps and skips of the path added to the transition counts.
-    virtual bool SimpleDecode(const Common::EmissionBase<float>& emissions, std::vector<int>& path);
-    // Zeroes the transition counts.
-    virtual void InitTransitions();
-    // { stay, step, skip } fractions of the counted transitions, then pLeak * N.
-    virtual std::vector<float> FinalizeTransitions() const;
+                        std::vector<signed char>& moves) = 0;
+    // Decode without the moves: the runner's path for models that are not transducers.
+    virtual bool SimpleDecode(const Common::EmissionBase<float>& emissions, std::vector<int>& path) = 0;
     // data = posteriors * quality matrix (see QualityMatrix::Apply).
-    virtual void GetQualityData(const Common::MatView<float>& posteriors, Common::MatView<float>& data);
+    virtual void GetQualityData(const Common::MatView<float>& posteriors, Common::MatView<float>& data) = 0;
     // Expected stay, step and skip between each event and its predecessor, from the posteriors of the
     // two: row e of out (n by 3) gets them normalised to sum 1; row 0, which has no predecessor, gets
     // zeros, as does a row where all three are zero.
-    virtual void TransitionExpectations(const Common::MatView<float>& posteriors, Common::MatView<float>& out);
+    virtual void TransitionExpectations(const Common::MatView<float>& posteriors, Common::MatView<float>& out) = 0;
 };
 
 template <int NUM_STATES>
@@ -69,16 +60,12 @@ public:
     Caller();
 
     void SetTrans(float stay, float step, float skip, float leak) override;
-    bool ForwardBackward(const Common::EmissionBase<float>& emissions, Common::MatView<float>& posteriors) override;
     float GetLogLikelihood() const override;
-    Common::VecView<float> GetWeights() override;
     int NumStates() const override { return NUM_STATES; }
     bool Decode(const Common::EmissionBase<float>& emissions, std::vector<int>& path) override;
     bool Decode(const Common::EmissionBase<float>& emissions, std::vector<int>& path,
                 std::vector<signed char>& moves) override;
     bool SimpleDecode(const Common::EmissionBase<float>& emissions, std::vector<int>& path) override;
-    void InitTransitions() override;
-    std::vector<float> FinalizeTransitions() const override;
     void GetQualityData(const Common::MatView<float>& posteriors, Common::MatView<float>& data) override;
     void TransitionExpectations(const Common::MatView<float>& posteriors, Common::MatView<float>& out) override;
 
@@ -98,23 +85,11 @@ private:
     bool decodeRows(const Common::EmissionBase<float>& emissions, std::vector<int>& path,
                     std::vector<signed char>* moves);
 
-    int eventCount = 0;
     float pStay = 0.0f;
     float pStep = 0.0f;
     float pSkip = 0.0f;
     float pLeak = 0.0f;
-    // Set once: the backward pass starts from startProb * endProb in every state, a uniform
-    // distribution over the states, as the forward pass does.
-    const float startProb = kInvStates;
-    const float endProb = 1.0f;
-    Common::AlignedVector32<float> forward;
-    Common::AlignedVector32<float> backward;
     std::vector<float> scales;
-    std::vector<float> weights;
-    float* outRows = nullptr;
-    float stayCount = 0.0f;
-    float stepCount = 0.0f;
-    float skipCount = 0.0f;
     std::unique_ptr<QualityMatrix> qualityMatrix;  // built on first use: N * 4k floats
 
     // Working rows. For the large state counts a row is megabytes, too much for a thread's stack, so
@@ -127,7 +102,6 @@ private:
     std::vector<float> backScales;
     std::vector<std::uint8_t> codes;  // decode back pointers, events by states
     std::vector<int> leakSources;     // per event, the state a flat jump comes from
-    std::vector<signed char> decodeMoves;
     std::vector<double> groupSums;  // N/4 step then N/16 skip group sums of TransitionExpectations
 };
 

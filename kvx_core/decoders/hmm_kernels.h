@@ -1,6 +1,6 @@
 #pragma once
-// Row kernels of the one-dimensional decoder (Caller<N>): one event's step of the forward pass, the
-// backward pass and the Viterbi decode. Each kernel set is built from one source per instruction set
+// Row kernels of the one-dimensional decoders: one event's step of the Viterbi decode (Caller<N>) and
+// of the transducer search (TransducerDecoder). Each kernel set is built from one source per instruction set
 // (hmm_kernels_impl.h, compiled in hmm_kernels_default.cpp, hmm_kernels_avx2.cpp and
 // hmm_kernels_avx512.cpp); a plain scalar reference (hmm_kernels_reference.cpp) states what they
 // compute. Every variant gives bit-identical results: row sums run in the same fixed order everywhere
@@ -35,15 +35,6 @@ inline std::size_t WorkspaceFloats(int numStates) { return static_cast<std::size
 
 struct KernelSet {
     const char* name;
-    // cur[s] = (stay * prev[s] + step * sum of step preds + skip * sum of skip preds + leak) * em[s].
-    // Returns the sum of cur, unscaled.
-    float (*forwardRow)(int numStates, const float* prev, const float* em, float* cur, const TransParams& tp,
-                        float* work);
-    // The transposed recursion: with x = nextEm * nextBeta,
-    // cur[p] = stay * x[p] + step * (sum of x over the step successors of p)
-    //          + skip * (sum over the skip successors) + leak * (sum of x). Returns the sum of cur.
-    float (*backwardRow)(int numStates, const float* nextBeta, const float* nextEm, float* cur,
-                         const TransParams& tp, float* work);
     // For each state the best of the candidates stay, step (m order), skip (m order), leak, kept by a
     // strict comparison so that a later candidate loses a tie; cur[s] = best * em[s] and codes[s] says
     // where it came from. *leakSource gets the first largest state of prev (or -1 when leak is 0, in

@@ -66,88 +66,6 @@ static inline __attribute__((always_inline)) v8si spread4(v8si v) {
 }
 
 // ---------------------------------------------------------------------------------------------------------------
-// Forward
-
-template <int N>
-float forwardRow(int, const float* prev, const float* em, float* cur, const TransParams& tp, float* work) {
-    constexpr int Q = N / 4;
-    constexpr int R = N / 16;
-    float* stepSum = work;
-    float* skipSum = work + Q;
-    for (int u = 0; u < Q; u += 8) {
-        storef(stepSum + u, ((loadf(prev + u) + loadf(prev + Q + u)) + loadf(prev + 2 * Q + u)) +
-                                loadf(prev + 3 * Q + u));
-    }
-    if constexpr (R % 8 == 0) {
-        for (int v = 0; v < R; v += 8) {
-            v8sf acc = loadf(prev + v);
-            for (int m = 1; m < 16; ++m) {
-                acc += loadf(prev + m * R + v);
-            }
-            storef(skipSum + v, acc);
-        }
-    } else {
-        for (int v = 0; v < R; ++v) {
-            float acc = prev[v];
-            for (int m = 1; m < 16; ++m) {
-                acc += prev[m * R + v];
-            }
-            skipSum[v] = acc;
-        }
-    }
-    const v8sf stay = splatf(tp.stay), step = splatf(tp.step), skip = splatf(tp.skip), leak = splatf(tp.leak);
-    // 32 states at a time: 8 step groups, 2 skip groups.
-    for (int i = 0; i < N; i += 32) {
-        const v8sf steps = loadf(stepSum + i / 4);
-        const v8sf skip0 = splatf(skipSum[i / 16]);
-        const v8sf skip1 = splatf(skipSum[i / 16 + 1]);
-        const v8sf g[4] = {spread4<0>(steps), spread4<1>(steps), spread4<2>(steps), spread4<3>(steps)};
-        for (int q = 0; q < 4; ++q) {
-            const int s = i + 8 * q;
-            const v8sf t = (stay * loadf(prev + s) + step * g[q]) + skip * (q < 2 ? skip0 : skip1);
-            storef(cur + s, (t + leak) * loadf(em + s));
-        }
-    }
-    return rowSum<N>(cur);
-}
-
-// ---------------------------------------------------------------------------------------------------------------
-// Backward
-
-template <int N>
-float backwardRow(int, const float* nextBeta, const float* nextEm, float* cur, const TransParams& tp, float* work) {
-    constexpr int Q = N / 4;
-    constexpr int R = N / 16;
-    float* x = work;
-    float* g4 = work + N;
-    float* g16 = g4 + Q;
-    for (int s = 0; s < N; s += 8) {
-        storef(x + s, loadf(nextEm + s) * loadf(nextBeta + s));
-    }
-    const float total = rowSum<N>(x);
-    for (int w = 0; w < Q; ++w) {
-        g4[w] = ((x[4 * w] + x[4 * w + 1]) + x[4 * w + 2]) + x[4 * w + 3];
-    }
-    for (int w = 0; w < R; ++w) {
-        g16[w] = ((g4[4 * w] + g4[4 * w + 1]) + g4[4 * w + 2]) + g4[4 * w + 3];
-    }
-    const v8sf stay = splatf(tp.stay), step = splatf(tp.step), skip = splatf(tp.skip);
-    const v8sf leakTotal = splatf(tp.leak * total);
-    if constexpr (R % 8 == 0) {
-        // Within a block of 8 successive p, p mod N/4 and p mod N/16 are successive too.
-        for (int p = 0; p < N; p += 8) {
-            const v8sf v = ((stay * loadf(x + p) + step * loadf(g4 + p % Q)) + skip * loadf(g16 + p % R)) + leakTotal;
-            storef(cur + p, v);
-        }
-    } else {
-        for (int p = 0; p < N; ++p) {
-            cur[p] = ((tp.stay * x[p] + tp.step * g4[p % Q]) + tp.skip * g16[p % R]) + tp.leak * total;
-        }
-    }
-    return rowSum<N>(cur);
-}
-
-// ---------------------------------------------------------------------------------------------------------------
 // Viterbi decode
 
 template <int N>
@@ -347,8 +265,7 @@ float transducerRow(int, const float* cur, const float* post, float stay, float*
 
 template <int N>
 const KernelSet* kernelSet(const char* name) {
-    static const KernelSet set = {name,        forwardRow<N>, backwardRow<N>,   decodeRow<N>,
-                                  scaleRow<N>, sumRow<N>,     transducerRow<N>};
+    static const KernelSet set = {name, decodeRow<N>, scaleRow<N>, sumRow<N>, transducerRow<N>};
     return &set;
 }
 

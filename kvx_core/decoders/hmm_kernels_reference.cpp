@@ -23,47 +23,6 @@ float laneSum(int n, const float* x) {
     return ((lane[0] + lane[1]) + (lane[2] + lane[3])) + ((lane[4] + lane[5]) + (lane[6] + lane[7]));
 }
 
-float forwardRow(int n, const float* prev, const float* em, float* cur, const TransParams& tp, float*) {
-    const int q = n / 4;
-    const int r = n / 16;
-    std::vector<float> stepSum(q), skipSum(r);
-    for (int u = 0; u < q; ++u) {
-        stepSum[u] = ((prev[u] + prev[q + u]) + prev[2 * q + u]) + prev[3 * q + u];
-    }
-    for (int v = 0; v < r; ++v) {
-        float acc = prev[v];
-        for (int m = 1; m < 16; ++m) {
-            acc += prev[m * r + v];
-        }
-        skipSum[v] = acc;
-    }
-    for (int s = 0; s < n; ++s) {
-        const float t = (tp.stay * prev[s] + tp.step * stepSum[s / 4]) + tp.skip * skipSum[s / 16];
-        cur[s] = (t + tp.leak) * em[s];
-    }
-    return laneSum(n, cur);
-}
-
-float backwardRow(int n, const float* nextBeta, const float* nextEm, float* cur, const TransParams& tp, float*) {
-    const int q = n / 4;
-    const int r = n / 16;
-    std::vector<float> x(n), g4(q), g16(r);
-    for (int s = 0; s < n; ++s) {
-        x[s] = nextEm[s] * nextBeta[s];
-    }
-    const float total = laneSum(n, x.data());
-    for (int w = 0; w < q; ++w) {
-        g4[w] = ((x[4 * w] + x[4 * w + 1]) + x[4 * w + 2]) + x[4 * w + 3];
-    }
-    for (int w = 0; w < r; ++w) {
-        g16[w] = ((g4[4 * w] + g4[4 * w + 1]) + g4[4 * w + 2]) + g4[4 * w + 3];
-    }
-    for (int p = 0; p < n; ++p) {
-        cur[p] = ((tp.stay * x[p] + tp.step * g4[p % q]) + tp.skip * g16[p % r]) + tp.leak * total;
-    }
-    return laneSum(n, cur);
-}
-
 float decodeRow(int n, const float* prev, const float* em, float* cur, std::uint8_t* codes, const TransParams& tp,
                 float*, int* leakSource) {
     const int q = n / 4;
@@ -167,7 +126,7 @@ float transducerRow(int n, const float* cur, const float* post, float stay, floa
     return laneSum(n, next);
 }
 
-const KernelSet kReference = {"reference", forwardRow, backwardRow, decodeRow, scaleRow, sumRow, transducerRow};
+const KernelSet kReference = {"reference", decodeRow, scaleRow, sumRow, transducerRow};
 
 }  // namespace
 

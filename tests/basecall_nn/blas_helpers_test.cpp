@@ -6,24 +6,17 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
 #include <random>
 #include <vector>
+
+#include "nn_test_util.h"
 
 using namespace BasecallNN::detail;
 using Common::MatView;
 using Common::VecView;
+using nn_test::ErrorOf;
 
 namespace {
-
-std::string messageOf(const std::function<void()>& fn) {
-    try {
-        fn();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(no exception)";
-}
 
 std::vector<float> randomVector(std::mt19937& rng, std::size_t n) {
     std::uniform_real_distribution<float> d(-2.0f, 2.0f);
@@ -98,31 +91,31 @@ TEST(BlasHelpersTest, FailureTextsSizeBeforeStride) {
     const VecView<const float> b3(b.data(), 3), b4s2(b.data(), 4, 2), c3(c.data(), 3);
 
     // Sizes 3 and 4 report the size failure although a stride is 2 as well.
-    EXPECT_EQ(messageOf([&] { elementAdd(a3, b4s2); }), "Size mismatch error in elementAdd() function.");
-    EXPECT_EQ(messageOf([&] { elementAdd(a3s2, b3); }), "Non-unit stride used in elementAdd() function.");
-    EXPECT_EQ(messageOf([&] { elementMultiply(a4s2, b3); }), "Size mismatch error in elementMultiply() function.");
-    EXPECT_EQ(messageOf([&] { elementMultiply(a3s2, b3); }), "Non-unit stride used in elementMultiply() function.");
-    EXPECT_EQ(messageOf([&] { elementAddMultiply(a3, b3, VecView<const float>(c.data(), 4)); }),
+    EXPECT_EQ(ErrorOf([&] { elementAdd(a3, b4s2); }), "Size mismatch error in elementAdd() function.");
+    EXPECT_EQ(ErrorOf([&] { elementAdd(a3s2, b3); }), "Non-unit stride used in elementAdd() function.");
+    EXPECT_EQ(ErrorOf([&] { elementMultiply(a4s2, b3); }), "Size mismatch error in elementMultiply() function.");
+    EXPECT_EQ(ErrorOf([&] { elementMultiply(a3s2, b3); }), "Non-unit stride used in elementMultiply() function.");
+    EXPECT_EQ(ErrorOf([&] { elementAddMultiply(a3, b3, VecView<const float>(c.data(), 4)); }),
               "Size mismatch error in elementAddMultiply() function.");
-    EXPECT_EQ(messageOf([&] { elementAddMultiply(a3, b3, VecView<const float>(c.data(), 3, 2)); }),
+    EXPECT_EQ(ErrorOf([&] { elementAddMultiply(a3, b3, VecView<const float>(c.data(), 3, 2)); }),
               "Non-unit stride used in elementAddMultiply() function.");
-    EXPECT_EQ(messageOf([&] { normalizeVector(a3s2); }), "Non-unit stride used in normalizeVector() function.");
+    EXPECT_EQ(ErrorOf([&] { normalizeVector(a3s2); }), "Non-unit stride used in normalizeVector() function.");
 
     const MatView<const float> W(c.data(), 2, 3, 3, 1);  // 2 inputs, 3 outputs
-    EXPECT_EQ(messageOf([&] { matrixMultiply(a4, VecView<const float>(b.data(), 2), W); }),
+    EXPECT_EQ(ErrorOf([&] { matrixMultiply(a4, VecView<const float>(b.data(), 2), W); }),
               "Size mismatch error in matrixMultiply() function.");
-    EXPECT_EQ(messageOf([&] { matrixMultiply(a3, b3, W); }), "Size mismatch error in matrixMultiply() function.");
-    EXPECT_EQ(messageOf([&] { matrixMultiplyAdd(a4, VecView<const float>(b.data(), 2), W); }),
+    EXPECT_EQ(ErrorOf([&] { matrixMultiply(a3, b3, W); }), "Size mismatch error in matrixMultiply() function.");
+    EXPECT_EQ(ErrorOf([&] { matrixMultiplyAdd(a4, VecView<const float>(b.data(), 2), W); }),
               "Size mismatch error in matrixMultiplyAdd() function.");
 
     std::vector<float> x(16), y(16);
     const MatView<const float> X(x.data(), 2, 2, 8, 1);
-    EXPECT_EQ(messageOf([&] { matrixMultiply(X, W, MatView<float>(y.data(), 3, 3, 8, 1)); }),
+    EXPECT_EQ(ErrorOf([&] { matrixMultiply(X, W, MatView<float>(y.data(), 3, 3, 8, 1)); }),
               "Size mismatch error in matrixMultiply() function.");
-    EXPECT_EQ(messageOf([&] { matrixMultiply(X, W, MatView<float>(y.data(), 2, 2, 8, 1)); }),
+    EXPECT_EQ(ErrorOf([&] { matrixMultiply(X, W, MatView<float>(y.data(), 2, 2, 8, 1)); }),
               "Size mismatch error in matrixMultiply() function.");
-    EXPECT_EQ(messageOf([&] { matrixMultiply(MatView<const float>(x.data(), 2, 3, 8, 1), W,
+    EXPECT_EQ(ErrorOf([&] { matrixMultiply(MatView<const float>(x.data(), 2, 3, 8, 1), W,
                                              MatView<float>(y.data(), 2, 3, 8, 1)); }),
               "Size mismatch error in matrixMultiply() function.");
-    EXPECT_EQ(messageOf([&] { matrixMultiply(X, W, MatView<float>(y.data(), 2, 3, 8, 1)); }), "(no exception)");
+    EXPECT_EQ(ErrorOf([&] { matrixMultiply(X, W, MatView<float>(y.data(), 2, 3, 8, 1)); }), "(no exception)");
 }

@@ -6,8 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
+#include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "nn_test_util.h"
@@ -183,207 +186,144 @@ Rows concatColumns(const Rows& a, const Rows& b) {
 
 }  // namespace
 
-TEST(WindowLayerTest, StrideTwoWithOddPaddingMatchesReference) {
+TEST(WindowLayerTest, MatchesReference) {
+    // {inputs, window, stride, pad left, pad right, rows}: an odd padded length that rounds the row
+    // count down, a single row, and a stride of 3 with padding on one side only.
+    const std::vector<std::array<int, 6>> cases = {{3, 4, 2, 1, 2, 10}, {2, 3, 1, 1, 1, 1}, {1, 5, 3, 2, 0, 11}};
     std::mt19937 rng(1);
-    // padLeft + padRight + rows - windowLength = 1 + 2 + 10 - 4 = 9 is odd: the row count rounds down.
-    WindowLayer layer(3, 4, 2, 1, 2);
-    EXPECT_EQ(layer.outSize, 12);
-    EXPECT_EQ(layer.OutputRows(10), 5);
-    EXPECT_EQ(layer.ScratchSize(10), 0);
-    const Matrix in = nn_test::RandomMatrix(rng, 10, 3);
-    const Matrix out = nn_test::RunLayer(layer, in);
-    Rows want(5, std::vector<double>(12, 0.0));
-    for (int r = 0; r < 5; ++r)
-        for (int w = 0; w < 4; ++w) {
-            const int q = r * 2 - 1 + w;
-            for (int i = 0; i < 3; ++i) want[r][w * 3 + i] = (q >= 0 && q < 10) ? in(q, i) : 0.0;
-        }
-    EXPECT_EQ(maxError(out, want), 0.0);
-
-    // Stride 3 over 11 rows with padding 2 and 0: (2 + 0 + 11 - 5) / 3 + 1 = 3 rows.
-    EXPECT_EQ(WindowLayer(1, 5, 3, 2, 0).OutputRows(11), 3);
+    for (const auto& [in, win, stride, padLeft, padRight, rows] : cases) {
+        SCOPED_TRACE("window " + std::to_string(win) + " stride " + std::to_string(stride));
+        WindowLayer layer(in, win, stride, padLeft, padRight);
+        const int outRows = (padLeft + padRight + rows - win) / stride + 1;
+        EXPECT_EQ(layer.outSize, in * win);
+        EXPECT_EQ(layer.OutputRows(rows), outRows);
+        const Matrix x = nn_test::RandomMatrix(rng, rows, in);
+        Rows want(outRows, std::vector<double>(in * win, 0.0));
+        for (int r = 0; r < outRows; ++r)
+            for (int w = 0; w < win; ++w) {
+                const int q = r * stride - padLeft + w;
+                for (int i = 0; i < in; ++i) want[r][w * in + i] = (q >= 0 && q < rows) ? x(q, i) : 0.0;
+            }
+        EXPECT_EQ(maxError(nn_test::RunLayer(layer, x), want), 0.0);
+    }
 }
 
-TEST(WindowLayerTest, SingleRowGivesOneRowWithZeroEnds) {
-    WindowLayer layer(2, 3, 1, 1, 1);
-    Matrix in(1, 2);
-    in(0, 0) = 0.5f;
-    in(0, 1) = -2.0f;
-    ASSERT_EQ(layer.OutputRows(1), 1);
-    const Matrix out = nn_test::RunLayer(layer, in);
-    const Rows want = {{0, 0, 0.5, -2.0, 0, 0}};
-    EXPECT_EQ(maxError(out, want), 0.0);
-}
-
-TEST(FeedforwardTest, EveryActivationMatchesReference) {
+// Every layer that maps each row on its own: the affine map followed by its function, on both sides
+// of zero. The softmax takes no maximum out and adds 1e-6 to each exponential, so a row whose every
+// logit underflows comes out uniform.
+TEST(RowLayerTest, EveryKindMatchesReference) {
     std::mt19937 rng(2);
     const Gate g(rng, 13, 11);
+    Gate veryNegative(rng, 13, 5);
+    veryNegative.b.assign(5, -200.0f);
+    for (float& w : veryNegative.W) w *= 1e-3f;
     const Matrix in = nn_test::RandomMatrix(rng, 7, 13, -2.0f, 2.0f);
-    const Rows x = toRows(in);
-    const std::vector<std::pair<Activation, double (*)(double)>> cases = {
-        {v_identity, [](double v) { return v; }},
-        {v_tanh, [](double v) { return std::tanh(v); }},
-        {v_sigmoid, [](double v) { return 1.0 / (1.0 + std::exp(-v)); }},
-        {v_relu, [](double v) { return v < 0 ? 0.0 : v; }},
-        {v_elu, [](double v) { return v < 0 ? std::exp(v) - 1.0 : v; }},
+    struct Case {
+        const char* name;
+        std::unique_ptr<CblasLayer> layer;
+        const Gate* gate;
+        double (*fn)(double);
+        bool softmax;
+        double tolerance;
     };
-    for (const auto& [activation, fn] : cases) {
-        const auto layer = MakeFeedforward(activation, g.params().iW, g.params().bias);
-        EXPECT_EQ(layer->inSize, 13);
-        EXPECT_EQ(layer->outSize, 11);
+    const auto feedforward = [&](Activation a) { return MakeFeedforward(a, g.params().iW, g.params().bias); };
+    Case cases[] = {
+        {"identity", feedforward(v_identity), &g, [](double v) { return v; }, false, 2e-6},
+        {"tanh", feedforward(v_tanh), &g, [](double v) { return std::tanh(v); }, false, 2e-6},
+        {"sigmoid", feedforward(v_sigmoid), &g, [](double v) { return 1.0 / (1.0 + std::exp(-v)); }, false, 2e-6},
+        {"relu", feedforward(v_relu), &g, [](double v) { return v < 0 ? 0.0 : v; }, false, 2e-6},
+        {"elu", feedforward(v_elu), &g, [](double v) { return v < 0 ? std::exp(v) - 1.0 : v; }, false, 2e-6},
+        {"two-state", std::make_unique<GlobalNormTwoState>(g.params().iW, g.params().bias), &g,
+         [](double v) { return 5.0 * std::tanh(v); }, false, 5e-6},
+        {"softmax", std::make_unique<Softmax>(g.params().iW, g.params().bias), &g,
+         [](double v) { return std::exp(v) + 1e-6; }, true, 1e-7},
+        {"underflowing softmax", std::make_unique<Softmax>(veryNegative.params().iW, veryNegative.params().bias),
+         &veryNegative, [](double v) { return std::exp(v) + 1e-6; }, true, 1e-7},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(c.layer->inSize, 13);
+        EXPECT_EQ(c.layer->outSize, c.gate->out);
         Rows want;
         int negatives = 0;
-        for (const auto& row : x) {
-            auto y = g.inputAffine(row);
+        for (const auto& row : toRows(in)) {
+            auto y = c.gate->inputAffine(row);
+            double sum = 0.0;
             for (double& v : y) {
                 negatives += v < 0;
-                v = fn(v);
+                sum += (v = c.fn(v));
             }
+            for (double& v : y) v /= c.softmax ? sum : 1.0;
             want.push_back(y);
         }
         ASSERT_GT(negatives, 10);  // both sides of relu and elu are exercised
-        EXPECT_LT(maxError(nn_test::RunLayer(*layer, in), want), 2e-6) << "activation " << activation;
+        EXPECT_LT(maxError(nn_test::RunLayer(*c.layer, in), want), c.tolerance);
     }
-    EXPECT_THROW(
-        {
-            try {
-                MakeFeedforward(static_cast<Activation>(5), g.params().iW, g.params().bias);
-            } catch (const std::runtime_error& e) {
-                EXPECT_STREQ(e.what(), "Unsupported activation function for feed-forward layer");
-                throw;
+    try {
+        MakeFeedforward(static_cast<Activation>(5), g.params().iW, g.params().bias);
+        FAIL() << "activation 5 accepted";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Unsupported activation function for feed-forward layer");
+    }
+}
+
+// The recurrent layers in each direction, alone and paired, against their textbook equations: LSTM
+// widths that do (16) and do not (12) fill whole vectors, GRU widths of 3 and 96 in both candidate
+// forms over 600 rows (input products are taken in blocks of 256, the last partial), the residual
+// form, and single rows, over which a reversed layer acts as a forward one.
+TEST(RecurrentTest, EveryFormMatchesReference) {
+    struct Case {
+        bool gru;
+        int in, out, rows;
+        bool resetAfter, reverse, residual, bidir;
+    };
+    const Case cases[] = {
+        {false, 5, 12, 23, false, false, false, false}, {false, 5, 12, 23, false, true, false, false},
+        {false, 5, 16, 23, false, false, false, false}, {false, 5, 16, 23, false, true, false, false},
+        {false, 4, 9, 1, false, true, false, false},    {false, 6, 12, 17, false, false, false, true},
+        {true, 7, 3, 600, false, false, false, false},  {true, 7, 3, 600, true, true, false, false},
+        {true, 7, 96, 600, true, false, false, false},  {true, 7, 96, 600, false, true, false, false},
+        {true, 10, 10, 12, true, false, true, false},   {true, 10, 10, 12, true, true, true, false},
+        {true, 4, 9, 1, false, true, false, false},     {true, 6, 5, 17, false, false, false, true},
+    };
+    std::mt19937 rng(100);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.gru ? "GRU" : "LSTM") + " " + std::to_string(c.in) + " to " +
+                     std::to_string(c.out) + " over " + std::to_string(c.rows) + " rows, reverse " +
+                     std::to_string(c.reverse) + ", reset after " + std::to_string(c.resetAfter) + ", bidir " +
+                     std::to_string(c.bidir));
+        const Matrix in = nn_test::RandomMatrix(rng, c.rows, c.in, -2.0f, 2.0f);
+        const Rows x = toRows(in);
+        std::unique_ptr<CblasLayer> layer;
+        Rows want;
+        if (c.gru) {
+            const GruGates f(rng, c.in, c.out), b(rng, c.in, c.out);
+            const auto make = [&](const GruGates& g, bool reverse) {
+                return std::make_unique<Gru>(c.in, c.out, g.params(), c.resetAfter, reverse, c.residual);
+            };
+            want = referenceGru(x, f, c.reverse, c.resetAfter, c.residual);
+            if (c.bidir) {
+                layer = std::make_unique<Bidir<Gru>>(make(f, false), make(b, true));
+                want = concatColumns(want, referenceGru(x, b, true, c.resetAfter, c.residual));
+            } else {
+                layer = make(f, c.reverse);
             }
-        },
-        std::runtime_error);
-}
-
-TEST(SoftmaxTest, MatchesReferenceWithoutMaxSubtraction) {
-    std::mt19937 rng(3);
-    const Gate g(rng, 9, 65);
-    const Matrix in = nn_test::RandomMatrix(rng, 6, 9, -3.0f, 3.0f);
-    Softmax layer(g.params().iW, g.params().bias);
-    Rows want;
-    for (const auto& row : toRows(in)) {
-        auto y = g.inputAffine(row);
-        double sum = 0.0;
-        for (double& v : y) sum += (v = std::exp(v) + 1e-6);
-        for (double& v : y) v /= sum;
-        want.push_back(y);
-    }
-    EXPECT_LT(maxError(nn_test::RunLayer(layer, in), want), 1e-7);
-}
-
-TEST(SoftmaxTest, VeryNegativeLogitsGiveUniformRow) {
-    // Every exp underflows to zero, so each entry is 1e-6 before normalising: a uniform row.
-    std::vector<float> W(2 * 5, 0.0f), b(5, -200.0f);
-    Softmax layer(Common::MatView<const float>(W.data(), 2, 5, 5, 1), Common::VecView<const float>(b.data(), 5, 1));
-    Matrix in(3, 2, 1.0f);
-    const Matrix out = nn_test::RunLayer(layer, in);
-    for (std::size_t r = 0; r < 3; ++r)
-        for (std::size_t c = 0; c < 5; ++c) EXPECT_FLOAT_EQ(out(r, c), 0.2f);
-}
-
-TEST(GlobalNormTwoStateTest, ScaledTanhMatchesReference) {
-    std::mt19937 rng(4);
-    const Gate g(rng, 6, 40);
-    const Matrix in = nn_test::RandomMatrix(rng, 5, 6, -2.0f, 2.0f);
-    GlobalNormTwoState layer(g.params().iW, g.params().bias);
-    Rows want;
-    for (const auto& row : toRows(in)) {
-        auto y = g.inputAffine(row);
-        for (double& v : y) v = 5.0 * std::tanh(v);
-        want.push_back(y);
-    }
-    EXPECT_LT(maxError(nn_test::RunLayer(layer, in), want), 5e-6);
-}
-
-TEST(LstmTest, PaddedAndInPlacePathsMatchReferenceBothDirections) {
-    // 12 is not a multiple of 8 (the gates go through the padded copy); 16 is (they stay in place).
-    for (const int outSize : {12, 16}) {
-        for (const bool reverse : {false, true}) {
-            std::mt19937 rng(100 + outSize + reverse);
-            const LstmGates g(rng, 5, outSize);
-            const Matrix in = nn_test::RandomMatrix(rng, 23, 5, -2.0f, 2.0f);
-            Lstm layer(5, outSize, g.params(), reverse);
-            EXPECT_EQ(layer.ScratchSize(23), ((outSize + 7) / 8) * 80 + 5);
-            const double err = maxError(nn_test::RunLayer(layer, in), referenceLstm(toRows(in), g, reverse));
-            EXPECT_LT(err, 1e-5) << "outSize " << outSize << " reverse " << reverse;
-        }
-    }
-}
-
-TEST(GruTest, BothCandidateFormsMatchReferenceAtSizesThreeAndNinetySix) {
-    for (const int outSize : {3, 96}) {
-        for (const bool resetAfter : {false, true}) {
-            for (const bool reverse : {false, true}) {
-                std::mt19937 rng(200 + outSize + 2 * resetAfter + reverse);
-                const GruGates g(rng, 7, outSize);
-                // 600 rows: the input products are taken in blocks of 256, the last one partial.
-                const Matrix in = nn_test::RandomMatrix(rng, 600, 7, -2.0f, 2.0f);
-                Gru layer(7, outSize, g.params(), resetAfter, reverse, false);
-                // The candidate block starts at 2 H rounded up to 8: 8 for H = 3, not 6.
-                EXPECT_EQ(layer.paddedGates, outSize == 3 ? 8 : 192);
-                // Two strands' blocks of input products (256 rows of the padded gate vector), h and
-                // recurrent product, whatever the rows.
-                const int gates = (layer.paddedGates + outSize + 7) / 8 * 8;
-                EXPECT_EQ(layer.ScratchSize(31), 2 * (256 * gates + (outSize + 7) / 8 * 8 + gates));
-                EXPECT_EQ(layer.ScratchSize(100000), layer.ScratchSize(31));
-                const double err =
-                    maxError(nn_test::RunLayer(layer, in), referenceGru(toRows(in), g, reverse, resetAfter, false));
-                EXPECT_LT(err, 2e-5) << "outSize " << outSize << " resetAfter " << resetAfter << " reverse "
-                                     << reverse;
+        } else {
+            const LstmGates f(rng, c.in, c.out), b(rng, c.in, c.out);
+            want = referenceLstm(x, f, c.reverse);
+            if (c.bidir) {
+                layer = std::make_unique<Bidir<Lstm>>(std::make_unique<Lstm>(c.in, c.out, f.params(), false),
+                                                      std::make_unique<Lstm>(c.in, c.out, b.params(), true));
+                want = concatColumns(want, referenceLstm(x, b, true));
+            } else {
+                layer = std::make_unique<Lstm>(c.in, c.out, f.params(), c.reverse);
             }
         }
-    }
-}
-
-TEST(GruTest, ResidualAddsTheInput) {
-    std::mt19937 rng(5);
-    const GruGates g(rng, 10, 10);
-    const Matrix in = nn_test::RandomMatrix(rng, 12, 10, -2.0f, 2.0f);
-    for (const bool reverse : {false, true}) {
-        Gru layer(10, 10, g.params(), true, reverse, true);
-        EXPECT_LT(maxError(nn_test::RunLayer(layer, in), referenceGru(toRows(in), g, reverse, true, true)), 2e-5);
+        EXPECT_EQ(layer->inSize, c.in);
+        EXPECT_EQ(layer->outSize, c.out * (c.bidir ? 2 : 1));
+        EXPECT_LT(maxError(nn_test::RunLayer(*layer, in), want), c.gru ? 2e-5 : 1e-5);
     }
     EXPECT_THROW(Gru(7, 10, GruGates(rng, 7, 10).params(), false, false, true), std::runtime_error);
-}
-
-TEST(BidirTest, HalvesWriteSideBySide) {
-    std::mt19937 rng(6);
-    const Matrix in = nn_test::RandomMatrix(rng, 17, 6, -2.0f, 2.0f);
-    const Rows x = toRows(in);
-    {
-        const LstmGates f(rng, 6, 12), b(rng, 6, 12);
-        Bidir<Lstm> layer(std::make_unique<Lstm>(6, 12, f.params(), false),
-                          std::make_unique<Lstm>(6, 12, b.params(), true));
-        EXPECT_EQ(layer.inSize, 6);
-        EXPECT_EQ(layer.outSize, 24);
-        EXPECT_EQ(layer.ScratchSize(17), ((12 + 7) / 8) * 80 + 6);
-        const Rows want = concatColumns(referenceLstm(x, f, false), referenceLstm(x, b, true));
-        EXPECT_LT(maxError(nn_test::RunLayer(layer, in), want), 1e-5);
-    }
-    {
-        const GruGates f(rng, 6, 5), b(rng, 6, 5);
-        Bidir<Gru> layer(std::make_unique<Gru>(6, 5, f.params(), false, false, false),
-                         std::make_unique<Gru>(6, 5, b.params(), false, true, false));
-        EXPECT_EQ(layer.outSize, 10);
-        const Rows want = concatColumns(referenceGru(x, f, false, false, false), referenceGru(x, b, true, false, false));
-        EXPECT_LT(maxError(nn_test::RunLayer(layer, in), want), 1e-5);
-    }
-}
-
-TEST(RecurrentTest, ReversedLayerOverOneRowActsAsForward) {
-    std::mt19937 rng(7);
-    const Matrix in = nn_test::RandomMatrix(rng, 1, 4);
-    const GruGates g(rng, 4, 9);
-    const LstmGates l(rng, 4, 9);
-    const Matrix gf = nn_test::RunLayer(Gru(4, 9, g.params(), false, false, false), in);
-    const Matrix gr = nn_test::RunLayer(Gru(4, 9, g.params(), false, true, false), in);
-    const Matrix lf = nn_test::RunLayer(Lstm(4, 9, l.params(), false), in);
-    const Matrix lr = nn_test::RunLayer(Lstm(4, 9, l.params(), true), in);
-    for (std::size_t c = 0; c < 9; ++c) {
-        EXPECT_EQ(gf(0, c), gr(0, c));
-        EXPECT_EQ(lf(0, c), lr(0, c));
-    }
 }
 
 TEST(RecurrentTest, EachProcessStartsFromZeroState) {

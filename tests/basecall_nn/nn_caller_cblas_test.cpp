@@ -1,26 +1,15 @@
-// The layer factory of the processor network: what each Add appends, and a loaded model file run
-// through the caller's own layer list.
+// The layer factory of the processor network: what a convolution appends. Loaded model files run
+// through its layers in nn_model_fixtures_test.cpp.
 
 #include "basecall_nn/nn_caller_cblas.h"
 
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <vector>
 
-#include "basecall_nn/nn_loader.h"
-#include "nn_test_util.h"
+#include "basecall_nn/cblas_layers.h"
 
 using namespace BasecallNN;
-using nn_test::DataPath;
-using nn_test::Matrix;
-
-namespace {
-std::vector<const CblasLayer*> layersOf(const NNCallerCblas& caller) {
-    std::vector<const CblasLayer*> raw;
-    for (const auto& l : caller.Layers()) raw.push_back(l.get());
-    return raw;
-}
-}  // namespace
 
 TEST(NNCallerCblasTest, AddConvolutionAppendsWindowThenFeedforward) {
     std::vector<float> W(2 * 3 * 4, 0.5f), b(4, 0.0f);
@@ -45,28 +34,4 @@ TEST(NNCallerCblasTest, AddConvolutionAppendsWindowThenFeedforward) {
                                        Common::VecView<const float>(b.data(), 4, 1)),
                  std::runtime_error);
     EXPECT_EQ(caller.Layers().size(), 4u);
-}
-
-TEST(NNCallerCblasTest, LoadedModelRunsThroughItsLayers) {
-    NNLoader loader(DataPath("dialect_quorlet.json"));
-    auto caller = std::make_shared<NNCallerCblas>();
-    loader.LoadInto(*caller);
-    const auto layers = layersOf(*caller);
-    ASSERT_EQ(layers.size(), 8u);
-    EXPECT_NE(dynamic_cast<const Bidir<Gru>*>(layers[2]), nullptr);
-    EXPECT_NE(dynamic_cast<const Lstm*>(layers[3]), nullptr);
-    EXPECT_NE(dynamic_cast<const Bidir<Lstm>*>(layers[4]), nullptr);
-    EXPECT_NE(dynamic_cast<const Gru*>(layers[5]), nullptr);
-    EXPECT_NE(dynamic_cast<const Feedforward<v_elu>*>(layers[6]), nullptr);
-    EXPECT_NE(dynamic_cast<const Softmax*>(layers[7]), nullptr);
-    EXPECT_EQ(layers.front()->inSize, 1);
-    EXPECT_EQ(layers.back()->outSize, caller->num_states);
-    EXPECT_EQ(caller->event_stride, 2);
-
-    const Matrix out = nn_test::RunLayers(layers, nn_test::ReadMatrix(DataPath("dialect_input.txt")));
-    const Matrix want = nn_test::ReadMatrix(DataPath("dialect_expected.txt"));
-    ASSERT_EQ(out.rows, want.rows);
-    ASSERT_EQ(out.cols, want.cols);
-    for (std::size_t r = 0; r < out.rows; ++r)
-        for (std::size_t c = 0; c < out.cols; ++c) EXPECT_NEAR(out(r, c), want(r, c), 2e-5 * (want(r, c) + 1e-3));
 }

@@ -82,22 +82,15 @@ TEST(NNKernelsTest, ActivationsMatchDoublePrecisionInEverySet) {
     }
 }
 
-TEST(NNKernelsTest, SetsAgree) {
+TEST(NNKernelsTest, ArithmeticIsIdenticalInEverySet) {
     const auto sets = BasecallNN::kernels::Available();
     std::mt19937 rng(22);
     for (std::size_t n : {1u, 3u, 4u, 8u, 13u, 64u, 97u}) {
         const auto x = randomValues(rng, n, -9.0f, 9.0f);
         const auto y = randomValues(rng, n, -2.0f, 2.0f);
         const auto z = randomValues(rng, n, 0.0f, 1.0f);
-        const auto base = applyAll(*sets.front(), x);
         for (const KernelSet* k : sets) {
-            // Activations: glibc's vector forms of different widths may round differently by an ulp.
-            const auto got = applyAll(*k, x);
-            for (int which = 0; which < 6; ++which)
-                for (std::size_t i = 0; i < n; ++i)
-                    EXPECT_NEAR(got[which][i], base[which][i], 3e-7 * std::fabs(base[which][i]) + 1.2e-7) << k->name;
-
-            // Arithmetic: no contraction into fused multiply-adds, so results are identical.
+            // No contraction into fused multiply-adds, so results are identical.
             std::vector<float> a = x, b = x, p(n), q(n), h1 = y, h2 = y;
             k->add(a.data(), y.data(), n);
             sets.front()->add(b.data(), y.data(), n);

@@ -5,15 +5,16 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "basecall_nn/basecall_config.h"
+#include "basecall_nn/nn_caller_cblas.h"
 #include "nn_test_util.h"
 
 using namespace BasecallNN;
 using nn_test::RecordingCaller;
+using nn_test::ErrorOf;
 using nn_test::TempFile;
 
 namespace {
@@ -70,19 +71,10 @@ std::string parallel(const std::string& a, const std::string& b) {
     return wrap("parallel", "[" + a + "," + b + "]");
 }
 
-// The message of the runtime_error that fn throws.
-std::string failure(const std::function<void()>& fn) {
-    try {
-        fn();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(no exception)";
-}
 // Opening and loading into a recording caller.
 std::string loadFailure(const std::string& json) {
     TempFile file(json);
-    return failure([&] {
+    return ErrorOf([&] {
         NNLoader loader(file.path);
         RecordingCaller caller;
         loader.LoadInto(caller);
@@ -92,11 +84,11 @@ std::string loadFailure(const std::string& json) {
 }  // namespace
 
 TEST(NNLoaderTest, FilesThatAreNotModels) {
-    EXPECT_EQ(failure([] { NNLoader("/nonexistent/model.json"); }),
+    EXPECT_EQ(ErrorOf([] { NNLoader("/nonexistent/model.json"); }),
               "Model File \"/nonexistent/model.json\" could not be opened.");
     for (const std::string text : {"{\"layers\": [", "[1, 2]", "{\"weights\": {}}", "", "not json"}) {
         TempFile file(text);
-        EXPECT_EQ(failure([&] { NNLoader loader(file.path); }),
+        EXPECT_EQ(ErrorOf([&] { NNLoader loader(file.path); }),
                   "Model File \"" + file.path + "\" is not a valid NN model file.")
             << text;
     }
@@ -222,7 +214,6 @@ TEST(NNLoaderTest, QueriesOfTesselFiles) {
         EXPECT_EQ(caller.feature_kind, kFeaturesRaw);
         EXPECT_EQ(caller.window, std::vector<std::int32_t>{0});
         EXPECT_EQ(caller.event_stride, 6);
-        EXPECT_EQ(caller.layers.size(), 5u);  // two window layers, two feed-forward, the softmax
     }
     {
         auto [file, l] = loader(serial({feedforward(3, 4), softmax(4, 5)}, R"("meta":{"transducer":"yes"},)"));
@@ -240,7 +231,7 @@ TEST(NNLoaderTest, QueriesOfTesselFiles) {
     }
     for (const int size : {2, 6, 18, 33}) {
         auto [file, l] = loader(serial({feedforward(3, 4), softmax(4, size)}));
-        EXPECT_EQ(failure([&] { l->GetLablLength(); }),
+        EXPECT_EQ(ErrorOf([&] { l->GetLablLength(); }),
                   "Unsupported number of states: " + std::to_string(size - 1) +
                       ". State count should be a positive power of 4.");
     }
@@ -286,9 +277,9 @@ TEST(NNLoaderTest, SoftmaxRotationAndTemperatures) {
     for (const auto& [json, order] : {std::make_pair(tessel, rotated), std::make_pair(quorlet, plain)}) {
         TempFile file(json);
         NNLoader loader(file.path, 2.0f, 4.0f);
-        RecordingCaller caller;
-        loader.LoadInto(caller);
-        const auto* layer = dynamic_cast<const Softmax*>(caller.layers.back().get());
+        NNCallerCblas network;
+        loader.LoadInto(network);
+        const auto* layer = dynamic_cast<const Softmax*>(network.Layers().back().get());
         ASSERT_NE(layer, nullptr);
         for (std::size_t j = 0; j < 5; ++j) {
             EXPECT_FLOAT_EQ(layer->W.view(0, j), order[j] / 2.0f);
@@ -301,9 +292,9 @@ TEST(NNLoaderTest, LstmBiasFlagAndGateBlocks) {
     // "bias": false gives zero biases although "b" is there.
     TempFile file(serial({feedforward(1, 3), lstm(3, 2, "tanh", false), softmax(2, 5)}));
     NNLoader loader(file.path);
-    RecordingCaller caller;
-    loader.LoadInto(caller);
-    const auto* layer = dynamic_cast<const Lstm*>(caller.layers[1].get());
+    NNCallerCblas network;
+    loader.LoadInto(network);
+    const auto* layer = dynamic_cast<const Lstm*>(network.Layers()[1].get());
     ASSERT_NE(layer, nullptr);
     for (std::size_t i = 0; i < 8; ++i) EXPECT_EQ(layer->bias.view[i], 0.0f);
     // The file's blocks are cell, input, forget, output, which is also the layer's order; its
@@ -362,7 +353,7 @@ TEST(NNLoaderTest, QuorletFeaturesWindowAndMessages) {
     }
     {
         RecordingCaller caller;
-        EXPECT_EQ(failure([&] { load(R"("meta":{"feature_function":"events"},)", caller); }),
+        EXPECT_EQ(ErrorOf([&] { load(R"("meta":{"feature_function":"events"},)", caller); }),
                   "Unrecognised feature function: events");
     }
     EXPECT_EQ(loadFailure(R"({"layers":[{"type":"input","name":"i","size":2}]})"),
@@ -400,22 +391,12 @@ TEST(NNLoaderTest, QuorletQueries) {
     EXPECT_EQ(caller.label_state, 16);
 }
 
-TEST(BasecallConfigTest, TakesSettingsAndAsksTheModel) {
+TEST(BasecallConfigTest, AsksTheModelAndNumbersConfigs) {
     TempFile file(serial({convolution(1, 4, 3, 5), softmax(4, 1025)}));
     BasecallSettings settings;
     settings.model_file = file.path;
-    settings.qscore_offset = 0.5f;
-    settings.qscore_scale = 0.9f;
-    settings.stay_penalty = 2.0f;
-    settings.hp_correct = false;
     auto config = std::make_shared<BasecallConfig>("", settings);
-    EXPECT_EQ(config->id, "");
-    EXPECT_EQ(config->model_file, file.path);
     EXPECT_EQ(config->loader.ModelPath(), file.path);
-    EXPECT_FLOAT_EQ(config->qscore_offset, 0.5f);
-    EXPECT_FLOAT_EQ(config->qscore_scale, 0.9f);
-    EXPECT_FLOAT_EQ(config->stay_penalty, 2.0f);
-    EXPECT_FALSE(config->hp_correct);
     EXPECT_TRUE(config->raw_model);
     EXPECT_EQ(config->model_stride, 5u);
     EXPECT_EQ(config->model_size, 5u);
@@ -425,11 +406,11 @@ TEST(BasecallConfigTest, TakesSettingsAndAsksTheModel) {
     EXPECT_EQ(manager.AddConfig(config), 0u);
     EXPECT_EQ(manager.AddConfig(config), 1u);
     EXPECT_EQ(manager.GetConfig(1), config);
-    EXPECT_EQ(failure([&] { manager.GetConfig(2); }), "Invalid baseacall config ID");
+    EXPECT_EQ(ErrorOf([&] { manager.GetConfig(2); }), "Invalid baseacall config ID");
 
     settings.model_file = "/nonexistent.json";
-    EXPECT_EQ(failure([&] { BasecallConfig("", settings); }), "Model File \"/nonexistent.json\" could not be opened.");
+    EXPECT_EQ(ErrorOf([&] { BasecallConfig("", settings); }), "Model File \"/nonexistent.json\" could not be opened.");
     TempFile empty(R"({"type":"serial","sublayers":[]})");
     settings.model_file = empty.path;
-    EXPECT_EQ(failure([&] { BasecallConfig("", settings); }), "No neural network layers found.");
+    EXPECT_EQ(ErrorOf([&] { BasecallConfig("", settings); }), "No neural network layers found.");
 }

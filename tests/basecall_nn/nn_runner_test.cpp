@@ -1,14 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <memory>
-#include <new>
 #include <numeric>
 #include <random>
 #include <stdexcept>
@@ -22,55 +17,8 @@
 #include "decoders/hmm_caller.h"
 #include "decoders/state_moves.h"
 #include "decoders/transducer_decoder.h"
+#include "allocation_counter.h"
 #include "nn_test_util.h"
-
-// ---- Allocation counting for this test program: every operator new and posix_memalign while armed ----
-
-namespace {
-std::atomic<bool> gCounting{false};
-std::atomic<long> gAllocations{0};
-void countAllocation() {
-    if (gCounting.load(std::memory_order_relaxed)) {
-        gAllocations.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-// Out of line, so that the compiler does not pair an inlined operator new with free() and warn.
-__attribute__((noinline)) void* countedMalloc(std::size_t n) {
-    countAllocation();
-    if (void* p = std::malloc(n == 0 ? 1 : n)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-__attribute__((noinline)) void release(void* p) noexcept { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t n) { return countedMalloc(n); }
-void* operator new[](std::size_t n) { return countedMalloc(n); }
-void operator delete(void* p) noexcept { release(p); }
-void operator delete[](void* p) noexcept { release(p); }
-void operator delete(void* p, std::size_t) noexcept { release(p); }
-void operator delete[](void* p, std::size_t) noexcept { release(p); }
-// The nothrow forms too, so that no allocation escapes the count and every pair matches under ASan.
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
-    try {
-        return countedMalloc(n);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { release(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { release(p); }
-
-// The aligned buffers of the runtime come from posix_memalign (Common::Allocator).
-extern "C" int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
-    using Real = int (*)(void**, std::size_t, std::size_t);
-    static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "posix_memalign"));
-    countAllocation();
-    return real(out, alignment, size);
-}
 
 namespace {
 
@@ -80,15 +28,7 @@ using BasecallNN::TransProbs;
 using Common::Deep;
 using Common::EventData;
 
-template <typename F>
-std::string ErrorOf(F f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no error>";
-}
+using nn_test::ErrorOf;
 
 // Random parameters that stay alive while a model is built; the layers copy them.
 struct Params {
@@ -310,21 +250,6 @@ TEST(NNRunnerCblas, TransducerCallGivesPathStaysAndQuality) {
     EXPECT_EQ(runner->pathViews.size(), n);
 }
 
-TEST(NNRunnerCblas, AllBucketRowsCarryEverything) {
-    // A bias of 60 on the stay column: every row is all stay after its first, to float rounding.
-    auto model = rawModel(BasecallNN::kTransducer, 64, 60.0f);
-    auto runner = runnerFor(model, 100);
-    auto samples = signal(100, 3);
-    CallResult r = call(*runner, samples, 50);
-    ASSERT_TRUE(std::isfinite(runner->score));
-    for (std::size_t i = 1; i < 50; ++i) {
-        EXPECT_NEAR(runner->weights[i], 0.0f, 1e-6f) << i;
-        EXPECT_EQ(runner->moves[i], 0) << i;
-    }
-    EXPECT_NEAR(r.trans.stay, 49.0 / 50.0, 1e-6);
-    EXPECT_EQ(r.trans.skip, 0.0f);
-}
-
 TEST(NNRunnerCblas, NontransducerCallDecodesWithEstimatedTransitions) {
     auto model = rawModel(BasecallNN::kNontransducer);
     auto runner = runnerFor(model, 400);
@@ -430,14 +355,18 @@ TEST(NNRunnerCblas, TransducerShrinkDropsRowsWithoutState) {
 
 TEST(NNRunnerCblas, FlipflopSizeCheckAndDecode) {
     Params p;
-    auto model = std::make_shared<NNCallerCblas>();
-    model->AddConvolution(BasecallNN::v_tanh, 1, 5, 8, 2, 2, 2, p.matrix(5, 8, 1.0f), p.vector(8, 0.1f));
-    model->AddGlobalNormTwoState(8, 40, p.matrix(8, 40, 1.0f), p.vector(40, 0.1f));
-    model->num_states = 40;
-    model->label_state = 4;
-    model->feature_kind = BasecallNN::kFeaturesRaw;
-    model->decode_type = BasecallNN::kFlipflop;
-    auto runner = runnerFor(model, 100);
+    // Flip-flop output is 40 columns for four bases; 41 is refused.
+    const auto flipflop = [&p](int columns) {
+        auto model = std::make_shared<NNCallerCblas>();
+        model->AddConvolution(BasecallNN::v_tanh, 1, 5, 8, 2, 2, 2, p.matrix(5, 8, 1.0f), p.vector(8, 0.1f));
+        model->AddGlobalNormTwoState(8, columns, p.matrix(8, columns, 1.0f), p.vector(columns, 0.1f));
+        model->num_states = columns;
+        model->label_state = 4;
+        model->feature_kind = BasecallNN::kFeaturesRaw;
+        model->decode_type = BasecallNN::kFlipflop;
+        return runnerFor(model, 100);
+    };
+    auto runner = flipflop(40);
     auto samples = signal(100);
     CallResult r = call(*runner, samples, 50, true, false);
     ASSERT_TRUE(std::isfinite(runner->score));
@@ -445,16 +374,7 @@ TEST(NNRunnerCblas, FlipflopSizeCheckAndDecode) {
     EXPECT_EQ(runner->states.size(), 50u);
     EXPECT_EQ(runner->qualityData.size(), 50u * 4);
     EXPECT_EQ(r.events.size(), 50u);
-
-    auto wide = std::make_shared<NNCallerCblas>();
-    wide->AddConvolution(BasecallNN::v_tanh, 1, 5, 8, 2, 2, 2, p.matrix(5, 8, 1.0f), p.vector(8, 0.1f));
-    wide->AddGlobalNormTwoState(8, 41, p.matrix(8, 41, 1.0f), p.vector(41, 0.1f));
-    wide->num_states = 41;
-    wide->label_state = 4;
-    wide->feature_kind = BasecallNN::kFeaturesRaw;
-    wide->decode_type = BasecallNN::kFlipflop;
-    auto wideRunner = runnerFor(wide, 100);
-    EXPECT_EQ(ErrorOf([&] { call(*wideRunner, samples, 50, true, false); }), "Unexpected size of posterior matrix.");
+    EXPECT_EQ(ErrorOf([&] { call(*flipflop(41), samples, 50, true, false); }), "Unexpected size of posterior matrix.");
 }
 
 TEST(NNRunnerCblas, EventModelReadsWindowedFeatures) {
@@ -514,41 +434,27 @@ TEST(NNRunnerCblas, EventModelReadsWindowedFeatures) {
 // Steady state: a second call of the same size allocates nothing at all, layer buffers included.
 TEST(NNRunnerCblas, SteadyCallsDoNotAllocate) {
     // The counter sees the aligned allocator too.
-    gAllocations = 0;
-    gCounting = true;
-    { Common::AlignedVector32<float> probe(100); }
-    gCounting = false;
-    ASSERT_EQ(gAllocations.load(), 1);
+    ASSERT_EQ(alloc_test::AllocationsDuring([] { Common::AlignedVector32<float> probe(100); }), 1);
 
     for (int type : {BasecallNN::kTransducer, BasecallNN::kNontransducer}) {
         auto model = rawModel(type);
         auto runner = runnerFor(model, 400);
-        auto samples = signal(400, 11);
-        EventData<Deep> events(200);
+        auto samples = signal(400, 11), longer = signal(600, 11);
+        EventData<Deep> events;
         TransProbs trans;
-        runner->Call(events, Common::VecView<float>(samples.data(), 400, 1), 4000.0f, trans, 1e-5f, -1, -1, true,
-                     true, false);
+        const auto callOn = [&](std::vector<float>& raw) {
+            events.resize(raw.size() / 2);
+            runner->Call(events, Common::VecView<float>(raw.data(), raw.size(), 1), 4000.0f, trans, 1e-5f, -1, -1,
+                         true, true, false);
+        };
+        callOn(samples);
         ASSERT_TRUE(std::isfinite(runner->score));
         const float* bufferBefore = runner->InputView().data;
-        events.resize(200);
-        gAllocations = 0;
-        gCounting = true;
-        runner->Call(events, Common::VecView<float>(samples.data(), 400, 1), 4000.0f, trans, 1e-5f, -1, -1, true,
-                     true, false);
-        gCounting = false;
-        EXPECT_EQ(gAllocations.load(), 0) << "decode type " << type;
+        EXPECT_EQ(alloc_test::AllocationsDuring([&] { callOn(samples); }), 0) << "decode type " << type;
         EXPECT_EQ(runner->InputView().data, bufferBefore);
         ASSERT_TRUE(std::isfinite(runner->score));
-
         // A larger chunk grows the buffers once; the counting itself is working.
-        auto longer = signal(600, 11);
-        events.resize(300);
-        gAllocations = 0;
-        gCounting = true;
-        runner->Call(events, Common::VecView<float>(longer.data(), 600, 1), 4000.0f, trans, 1e-5f, -1, -1, true,
-                     true, false);
-        gCounting = false;
-        EXPECT_GT(gAllocations.load(), 0);
+        EXPECT_GT(alloc_test::AllocationsDuring([&] { callOn(longer); }), 0);
     }
 }
 

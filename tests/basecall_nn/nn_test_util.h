@@ -1,7 +1,7 @@
 #pragma once
 // Helpers shared by the network runtime tests: padded matrices, a small layer runner that mimics how
 // the runtime drives layers (padded ping-pong buffers, one scratch), a caller that records what the
-// loader adds, temporary model files and the text matrices the numpy fixture script writes.
+// loader asks for, temporary model files and the text matrices the numpy fixture script writes.
 
 #include <algorithm>
 #include <cstdio>
@@ -17,10 +17,22 @@
 
 #include "basecall_nn/cblas_layers.h"
 #include "basecall_nn/nn_caller.h"
+#include "basecall_nn/nn_caller_cblas.h"
 #include "common/allocator.h"
 #include "common/views.h"
 
 namespace nn_test {
+
+// The message of the runtime_error that f throws.
+template <typename F>
+std::string ErrorOf(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "(no exception)";
+}
 
 // A float matrix with rows padded as the runtime pads them (width 1 stays unpadded).
 struct Matrix {
@@ -57,94 +69,61 @@ inline Matrix RunLayer(const BasecallNN::CblasLayer& layer, const Matrix& input)
     return RunLayers({&layer}, input);
 }
 
-// Records every Add call and builds the same layers NNCallerCblas would, so that tests can run a
-// loaded network without a runner.
+// Records what the loader asks of a network, one entry per Add call, and builds nothing.
 class RecordingCaller : public BasecallNN::NNCaller {
 public:
     struct Call {
         std::string op;
         int insize = 0, size = 0;
         bool gruMod = false, reverse = false, residual = false;
-        int activation = -1, winlen = 0, stride = 0, padLeft = 0, padRight = 0;
+        int activation = -1, winlen = 0, stride = 0;
     };
 
-    void AddConvolution(BasecallNN::Activation activation, int insize, int winlen, int size, int stride,
-                        int padLeft, int padRight, const Common::MatView<const float>& W,
-                        const Common::VecView<const float>& b) override {
-        Call c{"Convolution", insize, size};
-        c.activation = activation;
-        c.winlen = winlen;
-        c.stride = stride;
-        c.padLeft = padLeft;
-        c.padRight = padRight;
-        calls.push_back(c);
-        layers.push_back(std::make_unique<BasecallNN::WindowLayer>(insize, winlen, stride, padLeft, padRight));
-        layers.push_back(BasecallNN::MakeFeedforward(activation, W, b));
+    void AddConvolution(BasecallNN::Activation activation, int insize, int winlen, int size, int stride, int,
+                        int, const Common::MatView<const float>&, const Common::VecView<const float>&) override {
+        calls.push_back({"Convolution", insize, size, false, false, false, activation, winlen, stride});
         event_stride *= stride;
     }
-    void AddFeedforward(BasecallNN::Activation activation, int insize, int size,
-                        const Common::MatView<const float>& W, const Common::VecView<const float>& b) override {
-        Call c{"Feedforward", insize, size};
-        c.activation = activation;
-        calls.push_back(c);
-        layers.push_back(BasecallNN::MakeFeedforward(activation, W, b));
+    void AddFeedforward(BasecallNN::Activation activation, int insize, int size, const Common::MatView<const float>&,
+                        const Common::VecView<const float>&) override {
+        calls.push_back({"Feedforward", insize, size, false, false, false, activation});
     }
-    void AddSoftmax(int insize, int size, const Common::MatView<const float>& W,
-                    const Common::VecView<const float>& b) override {
-        calls.push_back(Call{"Softmax", insize, size});
-        layers.push_back(std::make_unique<BasecallNN::Softmax>(W, b));
+    void AddSoftmax(int insize, int size, const Common::MatView<const float>&,
+                    const Common::VecView<const float>&) override {
+        calls.push_back({"Softmax", insize, size});
     }
-    void AddGlobalNormTwoState(int insize, int size, const Common::MatView<const float>& W,
-                               const Common::VecView<const float>& b) override {
-        calls.push_back(Call{"GlobalNormTwoState", insize, size});
-        layers.push_back(std::make_unique<BasecallNN::GlobalNormTwoState>(W, b));
+    void AddGlobalNormTwoState(int insize, int size, const Common::MatView<const float>&,
+                               const Common::VecView<const float>&) override {
+        calls.push_back({"GlobalNormTwoState", insize, size});
     }
-    void AddGru(int insize, int size, const BasecallNN::GruParams& p, bool gruMod, bool reverse,
-                bool residual) override {
-        Call c{"Gru", insize, size};
-        c.gruMod = gruMod;
-        c.reverse = reverse;
-        c.residual = residual;
-        calls.push_back(c);
-        layers.push_back(std::make_unique<BasecallNN::Gru>(insize, size, p, gruMod, reverse, residual));
+    void AddGru(int insize, int size, const BasecallNN::GruParams&, bool gruMod, bool reverse, bool residual) override {
+        calls.push_back({"Gru", insize, size, gruMod, reverse, residual});
     }
-    void AddBGru(int insize, int size, const BasecallNN::GruParams& f, const BasecallNN::GruParams& b, bool gruMod,
+    void AddBGru(int insize, int size, const BasecallNN::GruParams&, const BasecallNN::GruParams&, bool gruMod,
                  bool residual) override {
-        Call c{"BGru", insize, size};
-        c.gruMod = gruMod;
-        c.residual = residual;
-        calls.push_back(c);
-        layers.push_back(std::make_unique<BasecallNN::Bidir<BasecallNN::Gru>>(
-            std::make_unique<BasecallNN::Gru>(insize, size, f, gruMod, false, residual),
-            std::make_unique<BasecallNN::Gru>(insize, size, b, gruMod, true, residual)));
+        calls.push_back({"BGru", insize, size, gruMod, false, residual});
     }
-    void AddLstm(int insize, int size, const BasecallNN::LstmParams& p, bool reverse) override {
-        Call c{"Lstm", insize, size};
-        c.reverse = reverse;
-        calls.push_back(c);
-        layers.push_back(std::make_unique<BasecallNN::Lstm>(insize, size, p, reverse));
+    void AddLstm(int insize, int size, const BasecallNN::LstmParams&, bool reverse) override {
+        calls.push_back({"Lstm", insize, size, false, reverse});
     }
-    void AddBLstm(int insize, int size, const BasecallNN::LstmParams& f, const BasecallNN::LstmParams& b) override {
-        calls.push_back(Call{"BLstm", insize, size});
-        layers.push_back(std::make_unique<BasecallNN::Bidir<BasecallNN::Lstm>>(
-            std::make_unique<BasecallNN::Lstm>(insize, size, f, false),
-            std::make_unique<BasecallNN::Lstm>(insize, size, b, true)));
+    void AddBLstm(int insize, int size, const BasecallNN::LstmParams&, const BasecallNN::LstmParams&) override {
+        calls.push_back({"BLstm", insize, size});
     }
     std::shared_ptr<BasecallNN::NNRunner> CreateRunner(std::shared_ptr<const NNCaller>, int) const override {
         throw std::logic_error("RecordingCaller has no runner");
     }
 
-    Matrix Run(const Matrix& input) const {
-        std::vector<const BasecallNN::CblasLayer*> raw;
-        for (const auto& l : layers) {
-            raw.push_back(l.get());
-        }
-        return RunLayers(raw, input);
-    }
-
     std::vector<Call> calls;
-    std::vector<std::unique_ptr<BasecallNN::CblasLayer>> layers;
 };
+
+// The layers a processor network holds, run one after the other.
+inline Matrix RunNetwork(const BasecallNN::NNCallerCblas& network, const Matrix& input) {
+    std::vector<const BasecallNN::CblasLayer*> layers;
+    for (const auto& l : network.Layers()) {
+        layers.push_back(l.get());
+    }
+    return RunLayers(layers, input);
+}
 
 // A model file in the temporary directory, removed again when the object goes.
 class TempFile {

@@ -5,7 +5,6 @@
 #include <random>
 #include <vector>
 
-#include "decoders/hmm_kernels.h"
 #include "decoders/transducer_decoder.h"
 
 using BasecallHMM::TransducerDecoder;
@@ -147,30 +146,6 @@ TEST(TransducerDecode, MatchesBruteForceIncludingTies) {
     EXPECT_GT(tieTrials, 10);
 }
 
-TEST(TransducerDecode, TieBetweenKeepAndArriveKeeps) {
-    // Row 0 gives state 24 twice the weight of state 6. In row 1, state 24 (= (6 mod 16) * 4, and not
-    // reachable from itself) can keep, 2/3 * 0.25, or arrive from 6, 1/3 * 0.5: a tie, which the keep
-    // wins.
-    std::vector<float> post(2 * (kN + 1), 0.0f);
-    post[24] = 1.0f;
-    post[6] = 0.5f;
-    post[(kN + 1) + 24] = 0.5f;
-    post[(kN + 1) + kN] = 0.25f;
-    Common::MatView<float> view(post.data(), 2, kN + 1, kN + 1);
-    std::vector<int> states;
-    std::vector<signed char> moves;
-    float score = 0;
-    ASSERT_TRUE(BasecallHMM::TransducerDecode(view, states, moves, score, 1.0f, false));
-    EXPECT_EQ(states, (std::vector<int>{24, 24}));
-    EXPECT_EQ(moves, (std::vector<signed char>{1, 0}));
-    EXPECT_NEAR(score, std::log(2.0 / 3.0), 1e-6);  // 1/6 against 1/6 + 1/12 for keeping state 6
-    // The stay penalty scales the stay column: now arriving is strictly better.
-    ASSERT_TRUE(BasecallHMM::TransducerDecode(view, states, moves, score, 0.5f, false));
-    EXPECT_EQ(states, (std::vector<int>{6, 24}));
-    EXPECT_EQ(moves, (std::vector<signed char>{1, 1}));
-    EXPECT_NEAR(score, std::log(0.8), 1e-6);
-}
-
 TEST(TransducerDecode, RefusesOtherWidthsAndZeroRows) {
     std::vector<int> states;
     std::vector<signed char> moves;
@@ -208,35 +183,4 @@ TEST(TransducerDecode, HomopolymerRecountUsesArrivalChances) {
     ASSERT_TRUE(decoder.Decode(view, states, moves, score, 1.0f, true));
     EXPECT_EQ(states, (std::vector<int>{0, 0, 0, 0}));
     EXPECT_EQ(moves, (std::vector<signed char>{1, 0, 1, 0}));
-}
-
-TEST(TransducerDecode, AgreesAcrossKernelBuilds) {
-    std::mt19937 rng(23);
-    std::uniform_real_distribution<float> uni(0.0f, 1.0f);
-    for (int n : {64, 256, 1024, 4096}) {
-        const std::size_t rows = 40;
-        std::vector<float> post(rows * (n + 1));
-        for (auto& x : post) x = uni(rng) * uni(rng);
-        Common::MatView<float> view(post.data(), rows, n + 1, n + 1);
-        std::vector<int> refStates;
-        std::vector<signed char> refMoves;
-        float refScore = 0;
-        for (const auto* set : BasecallHMM::kernels::AvailableKernels(n)) {
-            TransducerDecoder decoder;
-            decoder.UseKernels(set);
-            std::vector<int> states;
-            std::vector<signed char> moves;
-            float score = 0;
-            ASSERT_TRUE(decoder.Decode(view, states, moves, score, 1.0f, true));
-            if (refStates.empty()) {
-                refStates = states;
-                refMoves = moves;
-                refScore = score;
-            } else {
-                EXPECT_EQ(states, refStates) << set->name << " " << n;
-                EXPECT_EQ(moves, refMoves) << set->name << " " << n;
-                EXPECT_EQ(score, refScore) << set->name << " " << n;
-            }
-        }
-    }
 }
