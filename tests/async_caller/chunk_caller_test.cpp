@@ -364,7 +364,7 @@ TEST(BufferedCaller, MadeFromTheRunConfiguration) {
         EXPECT_EQ(out.front()->kmerLength, 4u);
         EXPECT_EQ(out.front()->qscore_offset, 1.5f);
     }
-    // A single-read caller, and no event detection for it.
+    // A single-read caller.
     {
         AsyncCaller::BufferedCaller caller(1, 60, config, 6, 10, 0);
         EXPECT_EQ(caller.dimension, 0);

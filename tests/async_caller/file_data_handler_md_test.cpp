@@ -164,6 +164,7 @@ TEST(PairLoading, EachFailureIsLoggedWithItsText) {
         {[](ReadRecipe& r) { r.moves.back() += 3; }, "Move dataset is inconsistent with Fastq dataset."},
         {[](ReadRecipe& r) { r.moves.back() -= 1; }, "Move dataset is inconsistent with Fastq dataset."},
         {[](ReadRecipe& r) { r.sequence = "ACGTNCGT"; }, "Exception thrown extracting 1d read data: map::at"},
+        {[](ReadRecipe& r) { r.fastq_text = "@read ACGT"; }, "Invalid Fastq dataset."},  // no second line
     };
     for (const auto& c : cases) {
         ReadRecipe recipe = simpleRecipe("ACGTACGT", {1, 2, 1});
@@ -217,28 +218,6 @@ TEST(PairLoading, DamagedSegmentationOrStrideRefusesTheRead) {
     Handler h;
     EXPECT_EQ(ErrorOf([&] { FileDataHandlerMD(0, h.aligner, 1, nullptr, 0); }),
               "The model's stride must be at least 1.");
-}
-
-TEST(PairLoading, InvalidFastqRecord) {
-    // A Fastq data set without a second line.
-    const std::string path = newFile("fastq");
-    {
-        DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-        ReadRecipe recipe = simpleRecipe("ACGTACGT", {1, 2, 1});
-        recipe.fastq = false;
-        TestSupport::writeRead(source, recipe);
-        auto read = source.GetRead("read");
-        auto analysis = read->GetAnalysis({"Basecall_1D_000", "Basecall_1D_000"});
-        analysis->CreateDataSet("BaseCalled_template/Fastq", DataAPI::DataView::OfString("@read ACGT"), {});
-    }
-    Handler h;
-    DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::ReadOnly);
-    std::shared_ptr<DataAPI::ReadData> read = source.GetRead("read");
-    AsyncCaller::FileDataHandler::RawRead raw;
-    FileDataHandlerMD::PriorReadInfo info;
-    TestSupport::LogCapture log;
-    EXPECT_FALSE(h->loadReadAndLabels(read, raw, info, false));
-    EXPECT_EQ(log.Info(), (std::vector<std::string>{"Invalid Fastq dataset."}));
 }
 
 namespace {
