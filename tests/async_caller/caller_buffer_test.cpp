@@ -37,9 +37,7 @@ using TestSupport::Eventually;
 
 // The stored failure of a buffer's worker, as the first public call rethrows it.
 std::string awaitFailure(BufferedCaller& caller) {
-    std::string text;
-    Eventually([&] { return (text = TestSupport::ErrorOf([&] { caller.CanAcceptRead(0, 0); })) != "<no exception>"; });
-    return text;
+    return TestSupport::AwaitError([&] { caller.CanAcceptRead(0, 0); });
 }
 
 }  // namespace
@@ -162,10 +160,8 @@ TEST(CallerBuffer, EngineFailureSurfacesThroughEveryPublicCall) {
     b.setEngine([](FakeEngine& e) { e.throwOnCollect = true; });
     auto read = TestSupport::makePair(200, 10, 1);
     ASSERT_TRUE(b.caller->PassRead(*read));
-    std::string text;
-    ASSERT_TRUE(
-        Eventually([&] { return (text = TestSupport::ErrorOf([&] { b.caller->IsBusy(); })) != "<no exception>"; }));
-    EXPECT_EQ(text, "Exception thrown in Caller worker thread: injected engine failure");
+    EXPECT_EQ(TestSupport::AwaitError([&] { b.caller->IsBusy(); }),
+              "Exception thrown in Caller worker thread: injected engine failure");
     EXPECT_NO_THROW(b.caller->Finish());  // the text was taken once
 }
 

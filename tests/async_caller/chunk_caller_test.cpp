@@ -132,9 +132,7 @@ TEST(ChunkCallerPool, AWorkerFailureIsThrownByEveryLaterCall) {
         ScriptedCaller caller(2, -1, /*failAt=*/0);
         auto chunks = bareChunks(1);
         caller.SubmitChunk(chunks[0].get());
-        std::string seen;
-        ASSERT_TRUE(Eventually([&] { return (seen = ErrorOf([&] { caller.HasFreeRunner(); })) != "<no exception>"; }));
-        EXPECT_EQ(seen, text);
+        EXPECT_EQ(TestSupport::AwaitError([&] { caller.HasFreeRunner(); }), text);
         EXPECT_EQ(ErrorOf([&] { caller.IsWorking(); }), text);
         EXPECT_EQ(ErrorOf([&] { caller.GetCompletedChunk(false); }), text);
     }
@@ -317,12 +315,8 @@ TEST(ChunkCallerMDCpu, EventModelsCallTheDetectedEvents) {
         EXPECT_FALSE(caller.isRaw);
         EXPECT_EQ(caller.maxEvents, 200u);
         caller.SubmitChunk(&chunk);
-        std::string text;
-        ASSERT_TRUE(Eventually([&] {
-            text = ErrorOf([&] { caller.GetCompletedChunk(false); });
-            return text != "<no exception>";
-        }));
-        EXPECT_EQ(text, "Exception thrown in ChunkCallerMDCpu worker thread: Event detection settings are not valid.");
+        EXPECT_EQ(TestSupport::AwaitError([&] { caller.GetCompletedChunk(false); }),
+                  "Exception thrown in ChunkCallerMDCpu worker thread: Event detection settings are not valid.");
     }
     ChunkCallerMDCpu caller(0, 100, 4, network);
     caller.SetEventDetection(6, 12, 5.0f, 8.0f, 0.5f);

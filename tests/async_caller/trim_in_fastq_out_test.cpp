@@ -24,6 +24,7 @@ using AsyncCaller::GetSummaryValue;
 using AsyncCaller::PairSummaryColumns;
 using AsyncCaller::ReadHolderMD;
 using AsyncCaller::TrimInFastqOut;
+using TestSupport::Slurp;
 
 namespace {
 
@@ -31,11 +32,6 @@ const std::string kHeader =
     "filename1\tfilename2\tread_id1\tread_id2\trun_id\tchannel\tstart_time1\tstart_time2\ttrimmed_duration1\t"
     "trimmed_duration2\ttrimmed_events1\ttrimmed_events2\tmedian1\tmedian2\tmad1\tmad2\tsequence_length\t"
     "passes_filtering\tmean_qscore\tstrand_score\n";
-
-std::string Slurp(const fs::path& path) {
-    std::ifstream in(path.string());
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
