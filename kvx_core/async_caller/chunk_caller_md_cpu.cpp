@@ -35,6 +35,31 @@ std::uint64_t nanosSince(std::chrono::steady_clock::time_point start) {
 
 }  // namespace
 
+std::vector<int> ReverseComplementStates(std::uint64_t kmerLength) {
+    std::vector<int> complement(std::size_t{1} << (2 * kmerLength));
+    for (std::uint64_t s = 0; s < complement.size(); ++s) {
+        std::uint64_t rc = 0;
+        for (std::uint64_t t = 0; t < kmerLength; ++t) {
+            const std::uint64_t base = (s >> (2 * t)) & 3;
+            rc |= (3 - base) << (2 * (kmerLength - 1 - t));
+        }
+        complement[s] = static_cast<int>(rc);
+    }
+    return complement;
+}
+
+void ReverseComplementRows(const Common::MatView<const float>& from, const std::vector<int>& complement, float* out) {
+    const std::uint64_t rows = from.rows;
+    const std::uint64_t cols = from.cols;
+    for (std::uint64_t i = 0; i < rows; ++i) {
+        const float* row = from.data + static_cast<std::int64_t>(rows - 1 - i) * from.rowStride;
+        float* to = out + i * cols;
+        for (std::uint64_t c = 0; c < cols; ++c) {
+            to[c] = row[complement[c]];
+        }
+    }
+}
+
 ChunkCallerMDCpu::ChunkCallerMDCpu(std::uint64_t threads, std::uint64_t chunk_size_, int band_size_,
                                    const BasecallNN::NNLoader& model)
     : ChunkCallerMDCpu(threads, chunk_size_, band_size_, loadNetwork(model)) {}
@@ -51,15 +76,7 @@ ChunkCallerMDCpu::ChunkCallerMDCpu(std::uint64_t threads, std::uint64_t chunk_si
       band_size(band_size_),
       caller(std::move(network)),
       numStates(1ull << (2 * kmerLength)) {
-    complementState.resize(numStates);
-    for (std::uint64_t s = 0; s < numStates; ++s) {
-        std::uint64_t rc = 0;
-        for (std::uint64_t t = 0; t < kmerLength; ++t) {
-            const std::uint64_t base = (s >> (2 * t)) & 3;
-            rc |= (3 - base) << (2 * (kmerLength - 1 - t));
-        }
-        complementState[s] = static_cast<int>(rc);
-    }
+    complementState = ReverseComplementStates(kmerLength);
     qualityMatrix = std::make_unique<BasecallHMM::QualityMatrix>(static_cast<std::int64_t>(numStates));
 
     // The runner's rows are input rows: samples for a raw model, events for an event model.
@@ -147,18 +164,12 @@ float* ChunkCallerMDCpu::takeStrand(const BasecallNN::NNRunner& runner, const Ba
         return p.data;
     }
     post.resize(rows * cols);
-    const int* complement = complementState.data();
+    if (second) {
+        ReverseComplementRows(p, complementState, post.data());
+        return post.data();
+    }
     for (std::uint64_t i = 0; i < rows; ++i) {
-        float* out = post.data() + i * cols;
-        if (!second) {
-            std::copy_n(p.data + static_cast<std::int64_t>(i) * p.rowStride, cols, out);
-        } else {
-            // Row i of strand 2 read backward, each state replaced by its reverse complement.
-            const float* from = p.data + static_cast<std::int64_t>(rows - 1 - i) * p.rowStride;
-            for (std::uint64_t c = 0; c < cols; ++c) {
-                out[c] = from[complement[c]];
-            }
-        }
+        std::copy_n(p.data + static_cast<std::int64_t>(i) * p.rowStride, cols, post.data() + i * cols);
     }
     return post.data();
 }

@@ -29,6 +29,13 @@
 
 namespace AsyncCaller {
 
+// The state of the reverse complement of each k-mer state, two bits a base (A, C, G, T = 0 to 3).
+std::vector<int> ReverseComplementStates(std::uint64_t kmerLength);
+
+// Strand 2's posteriors turned to read like strand 1's: row i of `out` (dense, rows by cols) is row
+// rows - 1 - i of `from`, each state s taking the value of state complement[s].
+void ReverseComplementRows(const Common::MatView<const float>& from, const std::vector<int>& complement, float* out);
+
 class ChunkCallerMDCpu : public ChunkCallerPool<ChunkCallerMD> {
 public:
     // Loads the model into a fresh processor network shared by the workers. `threads` 0 runs the one

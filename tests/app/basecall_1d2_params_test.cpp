@@ -1,16 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <boost/filesystem.hpp>
-
 #include "basecall_1d2_params.h"
 
-namespace fs = boost::filesystem;
 using Common::Parameters;
 using Marlo::Basecall1D2Params;
 
@@ -107,13 +103,4 @@ TEST(Basecall1D2Params, HelpShowsTheTextsAsWritten) {
     }
     EXPECT_EQ(help.find("ipc_threads"), std::string::npos);
     EXPECT_EQ(help.find("compatible_kits"), std::string::npos);
-}
-
-TEST(Basecall1D2Params, CopiesKeepTheirValues) {
-    Basecall1D2Params params;
-    Parse(params, With({"--band_size", "9"}));
-    const Basecall1D2Params copy(params);
-    EXPECT_EQ(copy.band_size, 9u);
-    EXPECT_EQ(copy.index_file, "index.txt");
-    EXPECT_EQ(copy.OptionNames(), params.OptionNames());
 }

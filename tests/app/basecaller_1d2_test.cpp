@@ -3,22 +3,19 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include <boost/filesystem.hpp>
+#include "run_program.h"
 
 namespace fs = boost::filesystem;
+using TestSupport::Slurp;
 
 namespace {
 
-const std::string kProgram = std::string(KVX_BINARY_DIR) + "/bin/basecaller_1d2";
-const std::string kModel = std::string(KVX_BINARY_DIR) + "/data/model_raw_r1_gru96x4.json";
+const std::string kModel = TestSupport::kDataPath + "/model_raw_r1_gru96x4.json";
 const std::string kAbort = "An error occurred in the basecaller. Aborting.";
 const std::string kSummaryHeader =
     "filename1\tfilename2\tread_id1\tread_id2\trun_id\tchannel\tstart_time1\tstart_time2\ttrimmed_duration1\t"
@@ -27,29 +24,13 @@ const std::string kSummaryHeader =
 const std::string kIndexHeader =
     "filename\tread_id\trun_id\tchannel\tstart_time\tduration\tsequence_length_template\n";
 
-std::string Slurp(const fs::path& path) {
-    std::ifstream in(path.string());
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-std::string Quote(const std::string& arg) {
-    std::string quoted = "'";
-    for (const char c : arg) {
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return quoted + "'";
-}
-
-struct Result {
-    int code = 0;
-    std::string out;
-    std::string err;
+struct Result : TestSupport::RunResult {
     std::string log;  // the core log file of the save path
 };
 
 class Basecaller1D2Test : public testing::Test {
 protected:
-    Basecaller1D2Test() : dir(fs::temp_directory_path() / fs::unique_path("kvx-drv-%%%%-%%%%")) {
+    Basecaller1D2Test() {
         fs::create_directories(dir / "reads");
         // A mismatch table that favours equal labels; what matters here is that it loads.
         std::ofstream table((dir / "mismatch.txt").string());
@@ -60,8 +41,6 @@ protected:
             }
         }
     }
-    ~Basecaller1D2Test() override { fs::remove_all(dir); }
-
     fs::path save() const { return dir / "save"; }
 
     void WriteIndex(const std::string& text) const { std::ofstream((dir / "index.txt").string()) << text; }
@@ -74,30 +53,14 @@ protected:
                                         save().string(), "-m", model, "--score_matrix",
                                         (dir / "mismatch.txt").string(), "--num_callers", num_callers};
         all.insert(all.end(), args.begin(), args.end());
-        std::string command = Quote(kProgram);
-        for (const auto& arg : all) {
-            command += " " + Quote(arg);
-        }
-        const auto out = dir / "stdout.txt";
-        const auto err = dir / "stderr.txt";
-        command += " >" + Quote(out.string()) + " 2>" + Quote(err.string()) + " </dev/null";
-        const int status = std::system(command.c_str());
         Result result;
-        result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1000;
-        result.out = Slurp(out);
-        result.err = Slurp(err);
-        const std::regex name("marlo_basecaller_1d2_log-.*\\.log");
-        if (fs::exists(save())) {
-            for (fs::directory_iterator it(save()), end; it != end; ++it) {
-                if (std::regex_match(it->path().filename().string(), name)) {
-                    result.log = Slurp(it->path());
-                }
-            }
-        }
+        static_cast<TestSupport::RunResult&>(result) = TestSupport::RunProgram(all, dir);
+        result.log = TestSupport::LogFile(save(), "marlo_basecaller_1d2");
         return result;
     }
 
-    fs::path dir;
+    TestSupport::TempDir scratch;
+    const fs::path dir = scratch.path;
 };
 
 // Position of `text` in `log`, checked to be there.

@@ -2,173 +2,96 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include <boost/filesystem.hpp>
+#include "run_program.h"
 
+using TestSupport::kDataPath;
+using TestSupport::LogFile;
 namespace fs = boost::filesystem;
 
 namespace {
 
-const std::string kProgram = std::string(KVX_BINARY_DIR) + "/bin/basecaller_1d2";
-const std::string kDataPath = std::string(KVX_BINARY_DIR) + "/data";
 const std::string kBannerLine = ": KVX Marlo 1d-squared basecaller, (C) KVX Marlo developers. Version 2.3.5+53a111f\n";
-
-std::string Slurp(const fs::path& path) {
-    std::ifstream in(path.string());
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-std::string Quote(const std::string& arg) {
-    std::string quoted = "'";
-    for (const char c : arg) {
-        if (c == '\'') {
-            quoted += "'\\''";
-        } else {
-            quoted += c;
-        }
-    }
-    return quoted + "'";
-}
-
-struct Result {
-    int code = 0;
-    std::string out;
-    std::string err;
-};
 
 class MainTest : public testing::Test {
 protected:
-    MainTest() : dir(fs::temp_directory_path() / fs::unique_path("kvx-main-%%%%-%%%%")) {
-        fs::create_directories(dir);
+    TestSupport::RunResult Run(const std::vector<std::string>& args) const {
+        return TestSupport::RunProgram(args, dir.path);
     }
-    ~MainTest() override { fs::remove_all(dir); }
-
-    Result Run(const std::vector<std::string>& args) const {
-        std::string command = Quote(kProgram);
-        for (const auto& arg : args) {
-            command += " " + Quote(arg);
-        }
-        const auto out = dir / "stdout.txt";
-        const auto err = dir / "stderr.txt";
-        command += " >" + Quote(out.string()) + " 2>" + Quote(err.string()) + " </dev/null";
-        const int status = std::system(command.c_str());
-        Result result;
-        result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1000;
-        result.out = Slurp(out);
-        result.err = Slurp(err);
-        return result;
-    }
-
-    // Contents of the log file of `base` in directory `save`, empty if there is none.
-    static std::string Log(const fs::path& save, const std::string& base) {
-        if (!fs::exists(save)) {
-            return {};
-        }
-        const std::regex name(base + "_log-\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d\\.log");
-        for (fs::directory_iterator it(save), end; it != end; ++it) {
-            if (std::regex_match(it->path().filename().string(), name)) {
-                return Slurp(it->path());
-            }
-        }
-        return {};
-    }
-
-    fs::path dir;
+    TestSupport::TempDir dir;
 };
 
 }  // namespace
 
-TEST_F(MainTest, NoArgumentsShowsHelp) {
-    const auto result = Run({});
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.out.rfind(kBannerLine + "Command line parameters:\n", 0), 0u) << result.out;
-    EXPECT_NE(result.out.find("  -f [ --index_file ] arg"), std::string::npos);
-    EXPECT_EQ(result.err, "");
-}
-
-TEST_F(MainTest, BadDataPathIsReportedBeforeHelp) {
-    const auto result = Run({"--help", "-d", (dir / "no&data").string()});
-    EXPECT_EQ(result.code, 255);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "Selected data path \"" + (dir / "no&&data").string() + "\" does not exist!  Exiting.\n");
-}
-
-TEST_F(MainTest, BrokenWorkflowFileStopsEvenHelp) {
-    const auto data = dir / "data";
+TEST_F(MainTest, RunsThatEndBeforeAnyCallShowExactTexts) {
+    const auto data = dir.path / "data";
     fs::create_directories(data);
     std::ofstream((data / "broken.cfg").string()) << "chunk_size\n";
-    const auto result = Run({"--help", "-d", data.string()});
-    EXPECT_EQ(result.code, 255);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "the options configuration file contains an invalid line 'chunk_size'\n");
-}
-
-TEST_F(MainTest, VersionAloneShowsTheBanner) {
-    const auto result = Run({"--version"});
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.out, kBannerLine);
-    EXPECT_EQ(result.err, "");
-}
-
-TEST_F(MainTest, PrintWorkflowsListsTheShippedConfigurations) {
-    const auto result = Run({"--print_workflows"});
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.out,
-              "Available flowcell + kit combinations are:\n"
-              "flowcell   kit        barcoding config_name\n"
-              "KFC-R1A    KLK-D210             dna_r1_1d2\n"
-              "KFC-R1A    KLK-D220             dna_r1_1d2\n"
-              "KFC-R1A    KBK-D290   included  dna_r1_1d2\n"
-              "KFC-R1B    KLK-D210             dna_r1_1d2\n"
-              "KFC-R1B    KLK-D220             dna_r1_1d2\n"
-              "KFC-R1B    KBK-D290   included  dna_r1_1d2\n"
-              "KFC-R1C    KLK-D210             dna_r1_1d2_lowmem\n\n");
-}
-
-TEST_F(MainTest, DeviceFailsOnStandardErrorBeforeAnythingIsLogged) {
-    const auto save = dir / "save";
-    const auto result = Run({"--device", "auto", "-f", "index.txt", "-s", save.string()});
-    EXPECT_EQ(result.code, 255);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "This build does not support GPU basecalling mode.\n");
+    const auto save = dir.path / "save";
+    const struct {
+        std::vector<std::string> args;
+        int code;
+        std::string out;  // "*": only checked to begin with the banner and the help heading
+        std::string err;
+    } cases[] = {
+        {{}, 0, "*", ""},
+        {{"--version"}, 0, kBannerLine, ""},
+        {{"--print_workflows"}, 0,
+         "Available flowcell + kit combinations are:\n"
+         "flowcell   kit        barcoding config_name\n"
+         "KFC-R1A    KLK-D210             dna_r1_1d2\n"
+         "KFC-R1A    KLK-D220             dna_r1_1d2\n"
+         "KFC-R1A    KBK-D290   included  dna_r1_1d2\n"
+         "KFC-R1B    KLK-D210             dna_r1_1d2\n"
+         "KFC-R1B    KLK-D220             dna_r1_1d2\n"
+         "KFC-R1B    KBK-D290   included  dna_r1_1d2\n"
+         "KFC-R1C    KLK-D210             dna_r1_1d2_lowmem\n\n",
+         ""},
+        // A bad data path is reported before the help, and a broken workflow file stops even the help.
+        {{"--help", "-d", (dir.path / "no&data").string()}, 255, "",
+         "Selected data path \"" + (dir.path / "no&&data").string() + "\" does not exist!  Exiting.\n"},
+        {{"--help", "-d", data.string()}, 255, "",
+         "the options configuration file contains an invalid line 'chunk_size'\n"},
+        // A device fails on standard error before anything is logged.
+        {{"--device", "auto", "-f", "index.txt", "-s", save.string()}, 255, "",
+         "This build does not support GPU basecalling mode.\n"},
+        {{"-f", "index.txt"}, 255, "\n", "Missing required option 'save_path'.\n\n"},
+        {{"--flowcell", "KFC-R1A", "-f", "index.txt", "-s", (dir.path / "s").string()}, 255, "",
+         "User specified flowcell but not kit (or vice versa). Must specify both kit and flowcell to perform "
+         "automatic config selection.\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args.empty() ? "(none)" : c.args.front());
+        const auto result = Run(c.args);
+        EXPECT_EQ(result.code, c.code);
+        if (c.out == "*") {
+            EXPECT_EQ(result.out.rfind(kBannerLine + "Command line parameters:\n", 0), 0u) << result.out;
+            EXPECT_NE(result.out.find("  -f [ --index_file ] arg"), std::string::npos);
+        } else {
+            EXPECT_EQ(result.out, c.out);
+        }
+        EXPECT_EQ(result.err, c.err);
+    }
     EXPECT_FALSE(fs::exists(save));
 }
 
-TEST_F(MainTest, ParserErrorsStopTheRunAndNoticesDoNot) {
-    {
-        const auto result = Run({"-f", "index.txt"});
-        EXPECT_EQ(result.code, 255);
-        EXPECT_EQ(result.out, "\n");
-        EXPECT_EQ(result.err, "Missing required option 'save_path'.\n\n");
-    }
-    {
-        const auto save = dir / "save_unknown";
-        const auto result = Run({"-f", "index.txt", "-s", save.string(), "--quiet", "--no_such_option"});
-        // The notice does not stop the run: it goes on to the driver, which fails for want of a model.
-        EXPECT_EQ(result.code, 255);
-        EXPECT_EQ(result.out, "Unexpected option 'no_such_option' found on command line.\n\n");
-        EXPECT_EQ(result.err.rfind("\n", 0), 0u) << result.err;
-        EXPECT_NE(result.err.find("An error occurred in the basecaller. Aborting.\n"), std::string::npos);
-        EXPECT_NE(Log(save, "marlo_basecaller_1d2").find("save path:          " + save.string()), std::string::npos);
-    }
-    {
-        const auto result = Run({"--flowcell", "KFC-R1A", "-f", "index.txt", "-s", (dir / "s").string()});
-        EXPECT_EQ(result.code, 255);
-        EXPECT_EQ(result.err,
-                  "User specified flowcell but not kit (or vice versa). Must specify both kit and flowcell to perform "
-                  "automatic config selection.\n");
-    }
+TEST_F(MainTest, AnUnexpectedOptionIsANoticeAndTheRunGoesOn) {
+    const auto save = dir.path / "save_unknown";
+    const auto result = Run({"-f", "index.txt", "-s", save.string(), "--quiet", "--no_such_option"});
+    // It goes on to the driver, which fails for want of a model.
+    EXPECT_EQ(result.code, 255);
+    EXPECT_EQ(result.out, "Unexpected option 'no_such_option' found on command line.\n\n");
+    EXPECT_EQ(result.err.rfind("\n", 0), 0u) << result.err;
+    EXPECT_NE(result.err.find("An error occurred in the basecaller. Aborting.\n"), std::string::npos);
+    EXPECT_NE(LogFile(save, "marlo_basecaller_1d2").find("save path:          " + save.string()), std::string::npos);
 }
 
 TEST_F(MainTest, VersionWithRequiredOptionsShowsBannerAndRuns) {
-    const auto save = dir / "nested" / "save";
+    const auto save = dir.path / "nested" / "save";
     const auto result = Run({"--version", "-f", "index.txt", "-s", save.string(), "-i", "reads"});
     // It basecalls, and the run fails for want of a model: an empty model file names the data path.
     EXPECT_EQ(result.code, 255);
@@ -186,15 +109,15 @@ TEST_F(MainTest, VersionWithRequiredOptionsShowsBannerAndRuns) {
         "threads per caller: 1\n";
     EXPECT_EQ(result.out, kBannerLine + header);
     EXPECT_NE(result.err.find("Model File \"" + kDataPath + "\" "), std::string::npos) << result.err;
-    const auto core = Log(save, "marlo_basecaller_1d2");
+    const auto core = LogFile(save, "marlo_basecaller_1d2");
     EXPECT_TRUE(std::regex_match(core, std::regex("\\d{4}-\\d\\d-\\d\\d \\S+ \\[marlo/core\\] KVX Marlo[\\s\\S]*")));
     EXPECT_NE(core.find(header), std::string::npos);
     // No verbose file unless asked for.
-    EXPECT_EQ(Log(save, "marlo_basecaller__1d2_verbose"), "");
+    EXPECT_EQ(LogFile(save, "marlo_basecaller__1d2_verbose"), "");
 }
 
 TEST_F(MainTest, WorkflowSelectionServiceModeAndFlagsShapeTheHeader) {
-    const auto save = dir / "save";
+    const auto save = dir.path / "save";
     const auto result = Run({"--flowcell", "KFC-R1C", "--kit", "KLK-D210", "-f", "index.txt", "-s", save.string(),
                              "--chunk_size", "321", "--port", "5555", "--qscore_filtering", "--quiet",
                              "--verbose_logs"});
@@ -211,23 +134,24 @@ TEST_F(MainTest, WorkflowSelectionServiceModeAndFlagsShapeTheHeader) {
         "records per file:   4000\n"
         "num basecallers:    2\n"
         "service address:    tcp://localhost:5555\n";
-    EXPECT_NE(Log(save, "marlo_basecaller_1d2").find(header), std::string::npos) << Log(save, "marlo_basecaller_1d2");
-    const auto verbose = Log(save, "marlo_basecaller__1d2_verbose");
+    const auto core = LogFile(save, "marlo_basecaller_1d2");
+    EXPECT_NE(core.find(header), std::string::npos) << core;
+    const auto verbose = LogFile(save, "marlo_basecaller__1d2_verbose");
     EXPECT_NE(verbose.find("[marlo/core] {message} "), std::string::npos) << verbose;
     EXPECT_NE(verbose.find(header), std::string::npos);
 }
 
 TEST_F(MainTest, ModelAndMismatchTableResolveAgainstTheirSources) {
-    const auto save = dir / "save";
+    const auto save = dir.path / "save";
     const auto result = Run({"--flowcell", "KFC-R1A", "--kit", "KBK-D290", "-f", "index.txt", "-s", save.string(),
                              "--port", "host:7000", "--trace_categories_logs", "pairs"});
     EXPECT_EQ(result.code, 255);  // service mode
     EXPECT_NE(result.out.find("service address:    tcp://host:7000\n"), std::string::npos) << result.out;
     EXPECT_EQ(result.out.find("model file:"), std::string::npos);
     // Only records on the named channel reach the verbose file, and the header is not one of them.
-    EXPECT_EQ(Log(save, "marlo_basecaller__1d2_verbose"), "");
+    EXPECT_EQ(LogFile(save, "marlo_basecaller__1d2_verbose"), "");
 
-    const auto save2 = dir / "save2";
+    const auto save2 = dir.path / "save2";
     const auto cpu = Run({"--flowcell", "KFC-R1A", "--kit", "KLK-D220", "-f", "index.txt", "-s", save2.string(),
                           "--cpu_threads_per_caller", "3"});
     EXPECT_EQ(cpu.code, 255);  // the run itself fails: there is no index.txt here

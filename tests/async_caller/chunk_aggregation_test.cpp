@@ -3,6 +3,8 @@
 #include <cmath>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "async_caller/read_holder_md.h"
 #include "log_capture.h"
@@ -109,60 +111,44 @@ TEST(ReadHolderMDAggregate, EachFailureIsLoggedAndLeavesAnEmptyResult) {
         ReadHolderMD holder = makeHolder(10);
         TestSupport::LogCapture log;
         holder.Aggregate();
-        ASSERT_EQ(log.Info().size(), 1u);
-        EXPECT_EQ(log.Info()[0], "No chunks received for read pair ('r1', 'r2').");
+        EXPECT_EQ(log.Info(), std::vector<std::string>{"No chunks received for read pair ('r1', 'r2')."});
     }
-    {
-        ReadHolderMD holder = makeHolder(10);
-        addChunk(holder, "ACGT", '+', 8);
-        addChunk(holder, "", '+', 8);
-        EXPECT_EQ(aggregate(holder), " One or more chunks could not be basecalled.");
-        EXPECT_EQ(holder.chunks.size(), 2u);
-    }
-    {
+    // A middle chunk of exactly B bases whose first join starts at base 5 and whose second ends at
+    // base 4: the chunk would have to end before it starts.
+    const std::string middle = "ATTACAGTAT";
+    std::string left = middle, right = middle;
+    left[4] = 'G';
+    right[3] = 'C';
+    const struct {
+        std::uint64_t overlap;
+        std::vector<std::pair<std::string, std::uint64_t>> chunks;  // sequence, events
+        std::string text;
+    } cases[] = {
+        {10, {{"ACGT", 8}, {"", 8}}, " One or more chunks could not be basecalled."},
         // B = 0: the overlap aligns to an empty path.
-        ReadHolderMD holder = makeHolder(0);
-        addChunk(holder, "ACGTACGT", '+', 8);
-        addChunk(holder, "ACGTACGT", '+', 8);
-        EXPECT_EQ(aggregate(holder), " Not enough consecutive perfect matches found (needed 1, found 0).");
+        {0, {{"ACGTACGT", 8}, {"ACGTACGT", 8}}, " Not enough consecutive perfect matches found (needed 1, found 0)."},
+        // B = 2 * 16 / 16 * 10 = 20 bases, longer than either chunk.
+        {10, {{"ACGTACGT", 8}, {"ACGTACGT", 8}}, " Chunk sequence was shorter than the overlap."},
+        // Overlaps with nothing in common align base against base with no match at all.
+        {10, {{std::string(30, 'C') + std::string(10, 'A'), 80}, {std::string(10, 'C') + std::string(30, 'G'), 80}},
+         " Not enough consecutive perfect matches found (needed 1, found 0)."},
+        // The overlaps agree only after a shift of six: four aligned pairs span less than half of B.
+        {10, {{std::string(30, 'C') + "GGGGGGAAAA", 80}, {"AAAATTTTTT" + std::string(30, 'C'), 80}},
+         " Bad alignment of overlap sections."},
+        {10, {{std::string(20, 'G') + left, 60}, {middle, 20}, {right + std::string(20, 'G'), 60}},
+         " Inconsistent alignment of overlap sections."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        ReadHolderMD holder = makeHolder(c.overlap);
+        for (const auto& chunk : c.chunks) {
+            addChunk(holder, chunk.first, '+', chunk.second, 1.0f);
+        }
+        EXPECT_EQ(aggregate(holder), c.text);
         EXPECT_TRUE(holder.sequence.empty());
         EXPECT_TRUE(holder.qualities.empty());
         EXPECT_EQ(holder.strand_score, 0.0f);
-    }
-    {
-        // B = 2 * 16 / 16 * 10 = 20 bases, longer than either chunk.
-        ReadHolderMD holder = makeHolder(10);
-        addChunk(holder, "ACGTACGT", '+', 8);
-        addChunk(holder, "ACGTACGT", '+', 8);
-        EXPECT_EQ(aggregate(holder), " Chunk sequence was shorter than the overlap.");
-    }
-    {
-        // Overlaps with nothing in common align base against base with no match at all.
-        ReadHolderMD holder = makeHolder(10);
-        addChunk(holder, std::string(30, 'C') + std::string(10, 'A'), '+', 80);
-        addChunk(holder, std::string(10, 'C') + std::string(30, 'G'), '+', 80);
-        EXPECT_EQ(aggregate(holder), " Not enough consecutive perfect matches found (needed 1, found 0).");
-    }
-    {
-        // The overlaps agree only after a shift of six: four aligned pairs span less than half of B.
-        ReadHolderMD holder = makeHolder(10);
-        addChunk(holder, std::string(30, 'C') + "GGGGGGAAAA", '+', 80);
-        addChunk(holder, std::string("AAAATTTTTT") + std::string(30, 'C'), '+', 80);
-        EXPECT_EQ(aggregate(holder), " Bad alignment of overlap sections.");
-    }
-    {
-        // A middle chunk of exactly B bases: its first join starts at base 5 and its second ends at
-        // base 4, so the chunk would have to end before it starts.
-        const std::string middle = "ATTACAGTAT";
-        std::string left = middle, right = middle;
-        left[4] = left[4] == 'C' ? 'G' : 'C';
-        right[3] = right[3] == 'C' ? 'G' : 'C';
-        ReadHolderMD holder = makeHolder(10);
-        addChunk(holder, std::string(20, 'G') + left, '+', 60);
-        addChunk(holder, middle, '+', 20);
-        addChunk(holder, right + std::string(20, 'G'), '+', 60);
-        EXPECT_EQ(aggregate(holder), " Inconsistent alignment of overlap sections.");
-        EXPECT_TRUE(holder.sequence.empty());
+        EXPECT_EQ(holder.chunks.size(), c.chunks.size());  // left with the holder
     }
 }
 

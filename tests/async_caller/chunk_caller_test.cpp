@@ -2,6 +2,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -18,6 +21,7 @@
 #include "basecall_nn/basecall_config.h"
 #include "basecall_nn/nn_caller_cblas.h"
 #include "log_capture.h"
+#include "test_util.h"
 #include "model_files.h"
 #include "pipeline_fixtures.h"
 
@@ -27,32 +31,45 @@ using AsyncCaller::ChunkDataMD;
 
 namespace {
 
-// The worker machinery with a scripted computation: chunk i sleeps delays[i] ms, and chunk `failAt`
-// throws.
+// The worker machinery with a scripted computation: chunk `holdIndex` waits until Release(), and
+// chunk `failAt` throws.
 class ScriptedCaller : public AsyncCaller::ChunkCallerPool<AsyncCaller::ChunkCallerMD> {
 public:
-    ScriptedCaller(std::uint64_t threads, std::vector<int> delays_, long failAt_ = -1)
-        : ChunkCallerPool("ChunkCallerMDCpu", threads), delays(std::move(delays_)), failAt(failAt_) {
+    ScriptedCaller(std::uint64_t threads, long holdIndex_ = -1, long failAt_ = -1)
+        : ChunkCallerPool("ChunkCallerMDCpu", threads), holdIndex(holdIndex_), failAt(failAt_) {
         startWorkers();
     }
-    ~ScriptedCaller() override { stopWorkers(); }
+    ~ScriptedCaller() override {
+        Release();  // a failed check must not leave a worker held
+        stopWorkers();
+    }
     void SetEventDetection(std::uint64_t, std::uint64_t, float, float, float) override {}
+    void Release() {
+        std::lock_guard<std::mutex> lock(mutex);
+        released = true;
+        gate.notify_all();
+    }
+    std::atomic<int> done{0};
 
 protected:
     void processChunk(ChunkData& chunk, int) override {
-        const auto i = chunk.chunk_index;
-        if (i < delays.size()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(delays[i]));
+        const auto i = static_cast<long>(chunk.chunk_index);
+        if (i == holdIndex) {
+            std::unique_lock<std::mutex> lock(mutex);
+            gate.wait(lock, [this] { return released; });
         }
-        if (static_cast<long>(i) == failAt) {
+        if (i == failAt) {
             throw std::runtime_error("scripted failure");
         }
         chunk.sequence = "chunk" + std::to_string(i);
+        ++done;
     }
 
 private:
-    std::vector<int> delays;
-    long failAt;
+    long holdIndex, failAt;
+    std::mutex mutex;
+    std::condition_variable gate;
+    bool released = false;
 };
 
 std::vector<std::unique_ptr<ChunkDataMD>> bareChunks(std::size_t n) {
@@ -64,44 +81,29 @@ std::vector<std::unique_ptr<ChunkDataMD>> bareChunks(std::size_t n) {
     return out;
 }
 
-std::string errorOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
-
-template <typename Done>
-bool eventually(Done done) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return done();
-}
+using TestSupport::ErrorOf;
+using TestSupport::Eventually;
 
 }  // namespace
 
 TEST(ChunkCallerPool, ChunksComeBackInSubmissionOrder) {
-    ScriptedCaller caller(2, {80, 0});
+    ScriptedCaller caller(2, /*holdIndex=*/0);
     auto chunks = bareChunks(2);
     ASSERT_TRUE(caller.HasFreeRunner());
     caller.SubmitChunk(chunks[0].get());
     caller.SubmitChunk(chunks[1].get());
     EXPECT_FALSE(caller.HasFreeRunner());
-    EXPECT_EQ(errorOf([&] { caller.SubmitChunk(chunks[0].get()); }),
+    EXPECT_EQ(ErrorOf([&] { caller.SubmitChunk(chunks[0].get()); }),
               "Tried to submit a chunk when no runners were available.");
-    // The second chunk finishes first and waits for the first.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(caller.GetCompletedChunk(false), nullptr);
+    // The second chunk finishes while the first is held, and waits for it.
+    ASSERT_TRUE(Eventually([&] { return caller.done == 1; }));
+    for (int poll = 0; poll < 1000; ++poll) {
+        ASSERT_EQ(caller.GetCompletedChunk(false), nullptr);
+    }
     EXPECT_TRUE(caller.IsWorking());
+    caller.Release();
     ChunkData* first = nullptr;
-    ASSERT_TRUE(eventually([&] { return (first = caller.GetCompletedChunk(false)) != nullptr; }));
+    ASSERT_TRUE(Eventually([&] { return (first = caller.GetCompletedChunk(false)) != nullptr; }));
     EXPECT_EQ(first, chunks[0].get());
     EXPECT_EQ(caller.GetCompletedChunk(false), chunks[1].get());
     EXPECT_EQ(chunks[1]->sequence, "chunk1");
@@ -110,13 +112,13 @@ TEST(ChunkCallerPool, ChunksComeBackInSubmissionOrder) {
 }
 
 TEST(ChunkCallerPool, SingleThreadingModeRunsOnTheSubmittingThread) {
-    ScriptedCaller caller(0, {});
+    ScriptedCaller caller(0);
     EXPECT_EQ(caller.WorkerCount(), 1u);
     auto chunks = bareChunks(2);
     caller.SubmitChunk(chunks[0].get());
     EXPECT_FALSE(caller.IsWorking());
     EXPECT_EQ(chunks[0]->sequence, "chunk0");
-    EXPECT_EQ(errorOf([&] { caller.SubmitChunk(chunks[1].get()); }),
+    EXPECT_EQ(ErrorOf([&] { caller.SubmitChunk(chunks[1].get()); }),
               "Tried to submit a chunk in single threading mode before retrieving last chunk's results.");
     EXPECT_EQ(caller.GetCompletedChunk(false), chunks[0].get());
     caller.SubmitChunk(chunks[1].get());
@@ -125,24 +127,64 @@ TEST(ChunkCallerPool, SingleThreadingModeRunsOnTheSubmittingThread) {
 
 TEST(ChunkCallerPool, AWorkerFailureIsThrownByEveryLaterCall) {
     TestSupport::LogCapture log;
+    const std::string text = "Exception thrown in ChunkCallerMDCpu worker thread: scripted failure";
     {
-        ScriptedCaller caller(2, {}, 0);
+        ScriptedCaller caller(2, -1, /*failAt=*/0);
         auto chunks = bareChunks(1);
         caller.SubmitChunk(chunks[0].get());
-        const std::string text = "Exception thrown in ChunkCallerMDCpu worker thread: scripted failure";
-        std::string seen;
-        ASSERT_TRUE(eventually([&] {
-            seen = errorOf([&] { caller.HasFreeRunner(); });
-            return seen != "<no exception>";
-        }));
-        EXPECT_EQ(seen, text);
-        EXPECT_EQ(errorOf([&] { caller.IsWorking(); }), text);
-        EXPECT_EQ(errorOf([&] { caller.GetCompletedChunk(false); }), text);
+        EXPECT_EQ(TestSupport::AwaitError([&] { caller.HasFreeRunner(); }), text);
+        EXPECT_EQ(ErrorOf([&] { caller.IsWorking(); }), text);
+        EXPECT_EQ(ErrorOf([&] { caller.GetCompletedChunk(false); }), text);
     }
     // The destructor reports instead of throwing.
-    EXPECT_EQ(log.Count("ChunkCallerMDCpu destructor detected an error: Exception thrown in ChunkCallerMDCpu worker "
-                        "thread: scripted failure"),
-              1u);
+    EXPECT_EQ(log.Count("ChunkCallerMDCpu destructor detected an error: " + text), 1u);
+}
+
+namespace {
+
+// The bases of a k-mer state, first base in the highest bits, and back.
+std::string kmerOf(std::uint64_t state, std::uint64_t k) {
+    std::string kmer(k, 'A');
+    for (std::uint64_t i = k; i-- > 0; state >>= 2) {
+        kmer[i] = "ACGT"[state & 3];
+    }
+    return kmer;
+}
+std::uint64_t stateOf(const std::string& kmer) {
+    std::uint64_t state = 0;
+    for (const char base : kmer) {
+        state = state * 4 + std::string("ACGT").find(base);
+    }
+    return state;
+}
+
+}  // namespace
+
+TEST(ChunkCallerMDCpu, Strand2PosteriorsAreReadBackwardAndComplemented) {
+    // Row i of the turned matrix is row rows-1-i of the runner's, and its state of k-mer K holds the
+    // runner's value for the reverse complement of K. All values differ, so a wrong order of rows,
+    // of bases or a wrong complement shows.
+    std::mt19937 random(17);
+    std::uniform_real_distribution<float> value(0.0f, 1.0f);
+    for (std::uint64_t k = 1; k <= 4; ++k) {
+        SCOPED_TRACE(k);
+        const std::uint64_t states = 1ull << (2 * k);
+        const std::uint64_t rows = 7;
+        const std::uint64_t rowStride = states + 1;  // the runner's rows end in the stay column
+        std::vector<float> from(rows * rowStride);
+        for (float& x : from) {
+            x = value(random);
+        }
+        std::vector<float> out(rows * states);
+        AsyncCaller::ReverseComplementRows(Common::MatView<const float>(from.data(), rows, states, rowStride, 1),
+                                           AsyncCaller::ReverseComplementStates(k), out.data());
+        for (std::uint64_t i = 0; i < rows; ++i) {
+            for (std::uint64_t s = 0; s < states; ++s) {
+                const std::uint64_t rc = stateOf(TestSupport::reverseComplement(kmerOf(s, k)));
+                ASSERT_EQ(out[i * states + s], from[(rows - 1 - i) * rowStride + rc]) << i << " " << kmerOf(s, k);
+            }
+        }
+    }
 }
 
 namespace {
@@ -170,7 +212,7 @@ std::unique_ptr<ChunkDataMD> wholeChunk(const AsyncCaller::ReadHolderMD& holder,
 ChunkDataMD* callOne(ChunkCallerMDCpu& caller, ChunkDataMD& chunk) {
     caller.SubmitChunk(&chunk);
     ChunkData* done = nullptr;
-    EXPECT_TRUE(eventually([&] { return (done = caller.GetCompletedChunk(false)) != nullptr; }));
+    EXPECT_TRUE(Eventually([&] { return (done = caller.GetCompletedChunk(false)) != nullptr; }));
     return static_cast<ChunkDataMD*>(done);
 }
 
@@ -273,12 +315,8 @@ TEST(ChunkCallerMDCpu, EventModelsCallTheDetectedEvents) {
         EXPECT_FALSE(caller.isRaw);
         EXPECT_EQ(caller.maxEvents, 200u);
         caller.SubmitChunk(&chunk);
-        std::string text;
-        ASSERT_TRUE(eventually([&] {
-            text = errorOf([&] { caller.GetCompletedChunk(false); });
-            return text != "<no exception>";
-        }));
-        EXPECT_EQ(text, "Exception thrown in ChunkCallerMDCpu worker thread: Event detection settings are not valid.");
+        EXPECT_EQ(TestSupport::AwaitError([&] { caller.GetCompletedChunk(false); }),
+                  "Exception thrown in ChunkCallerMDCpu worker thread: Event detection settings are not valid.");
     }
     ChunkCallerMDCpu caller(0, 100, 4, network);
     caller.SetEventDetection(6, 12, 5.0f, 8.0f, 0.5f);
@@ -295,7 +333,7 @@ TEST(ChunkCallerMDCpu, RefusesFlipflopModels) {
     network->decode_type = BasecallNN::kFlipflop;
     network->label_state = 4;
     network->feature_kind = BasecallNN::kFeaturesRaw;
-    EXPECT_EQ(errorOf([&] { ChunkCallerMDCpu caller(1, 100, 4, network); }),
+    EXPECT_EQ(ErrorOf([&] { ChunkCallerMDCpu caller(1, 100, 4, network); }),
               "Cannot use Flipflop model for Md basecall.");
 }
 
@@ -320,12 +358,10 @@ TEST(BufferedCaller, MadeFromTheRunConfiguration) {
         EXPECT_EQ(out.front()->kmerLength, 4u);
         EXPECT_EQ(out.front()->qscore_offset, 1.5f);
     }
-    // A single-read caller, and no event detection for it.
+    // A single-read caller.
     {
         AsyncCaller::BufferedCaller caller(1, 60, config, 6, 10, 0);
         EXPECT_EQ(caller.dimension, 0);
-        EXPECT_EQ(errorOf([&] { caller.SetEventDetection(3, 6, 1.4f, 9.0f, 0.2f); }),
-                  "SetEventDetection() method not supported for 1d basecalling.");
         AsyncCaller::ReadHolder1D read;
         float* samples = new float[1000];
         for (int i = 0; i < 1000; ++i) {

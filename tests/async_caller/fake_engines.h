@@ -65,7 +65,7 @@ public:
             last = nullptr;
             return again;
         }
-        if (queue.empty() || holdResults) {
+        if (queue.empty()) {
             return nullptr;
         }
         AsyncCaller::ChunkData* chunk = reverse ? queue.back() : queue.front();
@@ -102,7 +102,6 @@ public:
     std::vector<int> submittedPriorities;
     AsyncCaller::ChunkData* last = nullptr;
     bool paused = false;
-    bool holdResults = false;
     bool throwOnCollect = false;
     bool repeatLast = false;
     bool reverse = false;

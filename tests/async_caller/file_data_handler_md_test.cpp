@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -11,6 +12,7 @@
 #include "async_caller/read_holder_md.h"
 #include "log_capture.h"
 #include "read_files.h"
+#include "test_util.h"
 
 using AsyncCaller::FileDataHandlerMD;
 using AsyncCaller::PriorAligner;
@@ -83,28 +85,8 @@ std::string failure(const ReadRecipe& recipe) {
     return l.log.size() == 1 ? l.log[0] : "<" + std::to_string(l.log.size()) + " lines>";
 }
 
-// The text of what `f` throws, or "<no exception>".
-template <typename F>
-std::string thrown(F&& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
-
-template <typename Done>
-bool eventually(Done done, int seconds = 10) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return done();
-}
+using TestSupport::ErrorOf;
+using TestSupport::Eventually;
 
 }  // namespace
 
@@ -170,45 +152,30 @@ TEST(PairLoading, LabelsFromAnEventsTable) {
 }
 
 TEST(PairLoading, EachFailureIsLoggedWithItsText) {
-    ReadRecipe good = simpleRecipe("ACGTACGT", {1, 2, 1});
-    {
-        ReadRecipe s = good;
-        s.segmentation = false;
-        EXPECT_EQ(failure(s), "Missing information about segmentation in read file.");
+    const struct {
+        std::function<void(ReadRecipe&)> damage;
+        std::string text;
+    } cases[] = {
+        {[](ReadRecipe& r) { r.segmentation = false; }, "Missing information about segmentation in read file."},
+        {[](ReadRecipe& r) { r.basecall = false; }, "Missing information about 1d basecall in read file."},
+        {[](ReadRecipe& r) { r.move = false; }, "Missing 'Move' dataset for 1d basecall."},
+        {[](ReadRecipe& r) { r.fastq = false; }, "Missing 'Fastq' dataset for 1d basecall."},
+        // Moves that make k = 2 or k = 6, the k of no 1D model.
+        {[](ReadRecipe& r) { r.moves.back() += 3; }, "Move dataset is inconsistent with Fastq dataset."},
+        {[](ReadRecipe& r) { r.moves.back() -= 1; }, "Move dataset is inconsistent with Fastq dataset."},
+        {[](ReadRecipe& r) { r.sequence = "ACGTNCGT"; }, "Exception thrown extracting 1d read data: map::at"},
+        {[](ReadRecipe& r) { r.fastq_text = "@read ACGT"; }, "Invalid Fastq dataset."},  // no second line
+    };
+    for (const auto& c : cases) {
+        ReadRecipe recipe = simpleRecipe("ACGTACGT", {1, 2, 1});
+        c.damage(recipe);
+        EXPECT_EQ(failure(recipe), c.text);
     }
-    {
-        ReadRecipe s = good;
-        s.basecall = false;
-        EXPECT_EQ(failure(s), "Missing information about 1d basecall in read file.");
-    }
-    {
-        ReadRecipe s = good;
-        s.move = false;
-        EXPECT_EQ(failure(s), "Missing 'Move' dataset for 1d basecall.");
-    }
-    {
-        ReadRecipe s = good;
-        s.fastq = false;
-        EXPECT_EQ(failure(s), "Missing 'Fastq' dataset for 1d basecall.");
-    }
-    for (const std::uint8_t extra : {0, 2}) {
-        // k = 2 and k = 6 are not the k of any 1D model.
-        ReadRecipe s = good;
-        s.moves.back() = static_cast<std::uint8_t>(s.moves.back() + (extra == 0 ? 3 : -1));
-        EXPECT_EQ(failure(s), "Move dataset is inconsistent with Fastq dataset.");
-    }
-    {
-        ReadRecipe s = good;
-        s.sequence = "ACGTNCGT";
-        EXPECT_EQ(failure(s), "Exception thrown extracting 1d read data: map::at");
-    }
-    {
-        // A read with both forms, "Events" listed first: the events path runs over the "Move" data set.
-        ReadRecipe s = good;
-        s.model_states = {"ACGTA", "CGTAC", "GTACG"};
-        const std::string text = failure(s);
-        EXPECT_EQ(text.rfind("Exception thrown extracting 1d read data: ", 0), 0u) << text;
-    }
+    // A read with both forms, "Events" listed first: the events path runs over the "Move" data set.
+    ReadRecipe both = simpleRecipe("ACGTACGT", {1, 2, 1});
+    both.model_states = {"ACGTA", "CGTAC", "GTACG"};
+    const std::string text = failure(both);
+    EXPECT_EQ(text.rfind("Exception thrown extracting 1d read data: ", 0), 0u) << text;
 }
 
 TEST(PairLoading, DamagedSegmentationOrStrideRefusesTheRead) {
@@ -241,38 +208,16 @@ TEST(PairLoading, DamagedSegmentationOrStrideRefusesTheRead) {
     EXPECT_TRUE(loadLabels(partial, false).ok);
 
     std::vector<std::int32_t> labels;
-    EXPECT_EQ(thrown([&] { AsyncCaller::LabelsFromMoves({}, "@r\nAC\n+\n!!\n", false, labels); }),
+    EXPECT_EQ(ErrorOf([&] { AsyncCaller::LabelsFromMoves({}, "@r\nAC\n+\n!!\n", false, labels); }),
               "Move dataset is empty.");
     DataAPI::DataTable events;
     events.AddField("model_state", DataAPI::DataType::FixedString, 5);
     events.Resize(0);
-    EXPECT_EQ(thrown([&] { AsyncCaller::LabelsFromEvents(events, true, labels); }),
+    EXPECT_EQ(ErrorOf([&] { AsyncCaller::LabelsFromEvents(events, true, labels); }),
               "Events dataset is empty.");
     Handler h;
-    EXPECT_EQ(thrown([&] { FileDataHandlerMD(0, h.aligner, 1, nullptr, 0); }),
+    EXPECT_EQ(ErrorOf([&] { FileDataHandlerMD(0, h.aligner, 1, nullptr, 0); }),
               "The model's stride must be at least 1.");
-}
-
-TEST(PairLoading, InvalidFastqRecord) {
-    // A Fastq data set without a second line.
-    const std::string path = newFile("fastq");
-    {
-        DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-        ReadRecipe recipe = simpleRecipe("ACGTACGT", {1, 2, 1});
-        recipe.fastq = false;
-        TestSupport::writeRead(source, recipe);
-        auto read = source.GetRead("read");
-        auto analysis = read->GetAnalysis({"Basecall_1D_000", "Basecall_1D_000"});
-        analysis->CreateDataSet("BaseCalled_template/Fastq", DataAPI::DataView::OfString("@read ACGT"), {});
-    }
-    Handler h;
-    DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::ReadOnly);
-    std::shared_ptr<DataAPI::ReadData> read = source.GetRead("read");
-    AsyncCaller::FileDataHandler::RawRead raw;
-    FileDataHandlerMD::PriorReadInfo info;
-    TestSupport::LogCapture log;
-    EXPECT_FALSE(h->loadReadAndLabels(read, raw, info, false));
-    EXPECT_EQ(log.Info(), (std::vector<std::string>{"Invalid Fastq dataset."}));
 }
 
 namespace {
@@ -305,13 +250,9 @@ TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     }
     EXPECT_EQ(h->NoMoreData(), false);
     EXPECT_EQ(h->NoMoreData(), true);
-    try {
-        h->SubmitFilePair(pairs[0]);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Attempted to submit a file pair after calling NoMoreData().");
-    }
-    ASSERT_TRUE(eventually([&] { return h->LoadedCount() == 2; }));
+    EXPECT_EQ(ErrorOf([&] { h->SubmitFilePair(pairs[0]); }),
+              "Attempted to submit a file pair after calling NoMoreData().");
+    ASSERT_TRUE(Eventually([&] { return h->LoadedCount() == 2; }));
     EXPECT_EQ(h->PendingCount(), 0u);
     EXPECT_TRUE(h->IsActive());
 
@@ -349,12 +290,7 @@ TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     EXPECT_EQ(h->EventsDone(), holder.GetDuration() / 5);
     EXPECT_EQ(h->Processor().Count(), 1u);
     EXPECT_EQ(log.Count("completed."), 1u);
-    try {
-        h->PassCalledRead(holder, 1);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Passed back called read from another data handler.");
-    }
+    EXPECT_EQ(ErrorOf([&] { h->PassCalledRead(holder, 1); }), "Passed back called read from another data handler.");
 
     ReadHolderMD second;
     ASSERT_TRUE(h->GetRead(0, second, 1));
@@ -366,14 +302,10 @@ TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     EXPECT_EQ(log.Count("Chunk aggregation failed for read pair ('p1_1', 'p1_2')."), 1u);
     EXPECT_EQ(h->Processor().Count(), 2u);
     second.SetPriority(1);
-    try {
-        h->PassCalledRead(second, 1);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "FileDataHandler class does not support high priority reads.");
-    }
+    EXPECT_EQ(ErrorOf([&] { h->PassCalledRead(second, 1); }),
+              "FileDataHandler class does not support high priority reads.");
     // All loaded and taken: the handler's work is over.
-    EXPECT_TRUE(eventually([&] { return !h->IsActive(); }));
+    EXPECT_TRUE(Eventually([&] { return !h->IsActive(); }));
     EXPECT_THROW(h->GetRead(0, second, 5), std::out_of_range);
 }
 
@@ -382,39 +314,28 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
     std::mt19937 random(2);
     {
         DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-        {
-            // A pair whose strand 2 has no 1D call.
+        const auto write = [&](const std::string& id, const std::string& bases,
+                               const std::function<void(ReadRecipe&, ReadRecipe&)>& damage) {
             ReadRecipe one, two;
-            TestSupport::pairSpecs("nocall", TestSupport::randomBases(60, random), random, one, two);
-            two.basecall = false;
+            TestSupport::pairSpecs(id, bases, random, one, two);
+            damage(one, two);
             TestSupport::writeRead(source, one);
             TestSupport::writeRead(source, two);
-        }
-        {
-            // A pair called with different block strides.
-            ReadRecipe one, two;
-            TestSupport::pairSpecs("strides", TestSupport::randomBases(60, random), random, one, two);
-            two.block_stride_value = 9;
-            TestSupport::writeRead(source, one);
-            TestSupport::writeRead(source, two);
-        }
-        {
-            // A pair whose strand-1 segmentation ends 5 samples into its last block, at the end of the
-            // signal: the aligned stretch runs past the signal.
-            ReadRecipe one, two;
-            TestSupport::pairSpecs("outside", TestSupport::randomBases(60, random), random, one, two);
+        };
+        // Strand 2 has no 1D call.
+        write("nocall", TestSupport::randomBases(60, random),
+              [](ReadRecipe&, ReadRecipe& two) { two.basecall = false; });
+        // The strands were called with different block strides.
+        write("strides", TestSupport::randomBases(60, random),
+              [](ReadRecipe&, ReadRecipe& two) { two.block_stride_value = 9; });
+        // Strand 1's segmentation ends 5 samples into its last block, at the end of the signal: the
+        // aligned stretch runs past the signal.
+        write("outside", TestSupport::randomBases(60, random), [](ReadRecipe& one, ReadRecipe&) {
             one.duration_template = static_cast<std::int64_t>(one.moves.size() * 10 - 5);
             one.first_sample = static_cast<std::int64_t>(one.samples.size()) - one.duration_template;
-            TestSupport::writeRead(source, one);
-            TestSupport::writeRead(source, two);
-        }
-        {
-            // A pair of one block each: its path has a single aligned entry.
-            ReadRecipe one, two;
-            TestSupport::pairSpecs("tiny", "ACGTA", random, one, two);
-            TestSupport::writeRead(source, one);
-            TestSupport::writeRead(source, two);
-        }
+        });
+        // One block each: the path has a single aligned entry.
+        write("tiny", "ACGTA", [](ReadRecipe&, ReadRecipe&) {});
     }
     Handler h;
     TestSupport::LogCapture log;
@@ -425,7 +346,7 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
     h->SubmitFilePair({path, path, "missing_1", "nocall_1"});
     h->NoMoreData();
     // The last pair is looked at after the good ones are queued: wait for its line too.
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(Eventually([&] {
         return h->LoadedCount() == 3 && h->PendingCount() == 0 && log.Count("Error loading read pair") == 1;
     }));
     EXPECT_EQ(log.Count("Missing information about 1d basecall in read file."), 1u);
@@ -446,7 +367,7 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
     EXPECT_FALSE(h->GetRead(0, holder, 0));
     EXPECT_EQ(log.Count("did not produce a usable prior alignment."), 1u);
     EXPECT_EQ(h->Processor().Count(), 2u);
-    EXPECT_TRUE(eventually([&] { return !h->IsActive(); }));
+    EXPECT_TRUE(Eventually([&] { return !h->IsActive(); }));
 }
 
 TEST(PairLoading, AtMostAHundredPairsWaitLoaded) {
@@ -457,7 +378,7 @@ TEST(PairLoading, AtMostAHundredPairsWaitLoaded) {
         h->SubmitFilePair(p);
     }
     h->NoMoreData();
-    ASSERT_TRUE(eventually([&] { return h->LoadedCount() == FileDataHandlerMD::kMaxLoaded; }, 60));
+    ASSERT_TRUE(Eventually([&] { return h->LoadedCount() == FileDataHandlerMD::kMaxLoaded; }, 60));
     // Nobody takes them: loading stays stopped at the cap.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(h->LoadedCount(), FileDataHandlerMD::kMaxLoaded);
@@ -466,6 +387,6 @@ TEST(PairLoading, AtMostAHundredPairsWaitLoaded) {
     // Taking one lets one more in.
     ReadHolderMD holder;
     ASSERT_TRUE(h->GetRead(0, holder, 0));
-    ASSERT_TRUE(eventually([&] { return h->PendingCount() == 29; }));
-    EXPECT_TRUE(eventually([&] { return h->LoadedCount() == FileDataHandlerMD::kMaxLoaded; }));
+    ASSERT_TRUE(Eventually([&] { return h->PendingCount() == 29; }));
+    EXPECT_TRUE(Eventually([&] { return h->LoadedCount() == FileDataHandlerMD::kMaxLoaded; }));
 }

@@ -9,6 +9,7 @@
 #include <random>
 #include <vector>
 
+#include "async_caller/data_trimmer.h"
 #include "async_caller/file_data_handler.h"
 #include "async_caller/read_holder_md.h"
 #include "async_caller/signal_scaling.h"
@@ -113,6 +114,21 @@ TEST(FileProcessor, ScalesToPicoampsThenNormalises) {
     // An empty read is left alone.
     const auto none = automatic.Process(0.5f, nullptr, 5, nullptr, 0, 10, 0);
     EXPECT_EQ(none.kept_samples, 0u);
+
+    // The output stage's processor scales the same way, and knows no strategy that cuts.
+    AsyncCaller::DataTrimmer trimmer(5.0f, 2.0f, false, "none");
+    std::vector<float> trimmed(raw.size());
+    const auto t = trimmer.Process(0.5f, raw.data(), 5, trimmed.data(), raw.size(), 10, 0);
+    EXPECT_EQ(trimmed, out);
+    EXPECT_EQ(t.kept_samples, 5u);
+    EXPECT_EQ(t.median, 15.0f);
+    AsyncCaller::DataTrimmer dna(0.0f, 0.0f, true, "dna");
+    try {
+        dna.Process(0.5f, raw.data(), 5, trimmed.data(), raw.size(), 10, 0);
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "trim_strategy not recognised: dna");
+    }
 }
 
 TEST(FileProcessor, PostProcessKeepsAClonePerDimension) {

@@ -11,15 +11,12 @@
 #include "async_caller/output_resume.h"
 #include "async_caller/summary_values.h"
 #include "common/gzip_members.h"
+#include "test_util.h"
 
 namespace fs = boost::filesystem;
+using TestSupport::Slurp;
 
 namespace {
-
-std::string Slurp(const fs::path& path) {
-    std::ifstream in(path.string(), std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 std::string Record(const std::string& id) { return "@" + id + " runid=x\nACGT\n+\n!!!!\n"; }
 

@@ -157,21 +157,6 @@ TEST(ParallelCaller, EveryPairComesBackExactlyOnceUnderBackPressure) {
     EXPECT_LE(handler.maxOutstanding, 4 * (static_cast<long>(limit) + 5 + 1) + 8);
 }
 
-TEST(ParallelCaller, CallsDoNotDependOnCallersOrThreads) {
-    const std::uint64_t pairs = 40;
-    FakeHandler one(pairs), many(pairs);
-    {
-        ParallelCaller pc(&one, nullptr, threadedCallers(1, 0, 4));
-        ASSERT_TRUE(runToEnd(pc, 60));
-    }
-    {
-        ParallelCaller pc(&many, nullptr, threadedCallers(4, 2, 4));
-        ASSERT_TRUE(runToEnd(pc, 60));
-    }
-    ASSERT_EQ(one.returned.size(), pairs);
-    EXPECT_EQ(one.returned, many.returned);
-}
-
 TEST(ParallelCaller, GetReadFailureSurfacesOnceOnTheOwner) {
     FakeHandler handler(200, 30);
     ParallelCaller pc(&handler, nullptr, threadedCallers(4, 2, 6));

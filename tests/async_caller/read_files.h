@@ -54,6 +54,7 @@ struct ReadRecipe {
     std::int64_t duration_template = 0;  // 0: 10 samples per block
     std::vector<std::uint8_t> moves;
     std::string sequence;                 // the Fastq record's bases
+    std::string fastq_text;               // non-empty: the whole Fastq data set, as written
     bool segmentation = true;
     bool basecall = true;
     bool move = true;
@@ -110,10 +111,10 @@ inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadRecipe& reci
         analysis->CreateDataSet("BaseCalled_template/Move", DataAPI::DataView::Of(recipe.moves), {});
     }
     if (recipe.fastq) {
-        analysis->CreateDataSet("BaseCalled_template/Fastq",
-                                DataAPI::DataView::OfString("@" + recipe.id + "\n" + recipe.sequence + "\n+\n" +
-                                                            std::string(recipe.sequence.size(), '+') + "\n"),
-                                {});
+        const std::string text = !recipe.fastq_text.empty() ? recipe.fastq_text
+                                                            : "@" + recipe.id + "\n" + recipe.sequence + "\n+\n" +
+                                                                  std::string(recipe.sequence.size(), '+') + "\n";
+        analysis->CreateDataSet("BaseCalled_template/Fastq", DataAPI::DataView::OfString(text), {});
     }
     if (!recipe.model_states.empty()) {
         DataAPI::DataTable events;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "async_caller/read_holder_1d.h"
+#include "test_util.h"
 
 using AsyncCaller::ChunkData1D;
 using AsyncCaller::ReadHolder1D;
@@ -31,12 +32,7 @@ std::unique_ptr<ChunkData1D> chunk1(const std::vector<int>& states, float score 
 }
 
 std::string errorOf(ReadHolder1D& holder) {
-    try {
-        holder.Aggregate();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no exception>";
+    return TestSupport::ErrorOf([&] { holder.Aggregate(); });
 }
 
 }  // namespace

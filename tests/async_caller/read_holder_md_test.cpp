@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "async_caller/read_holder_md.h"
-#include "log_capture.h"
+#include "test_util.h"
 
 using AsyncCaller::ChunkData;
 using AsyncCaller::ChunkDataMD;
@@ -161,16 +161,8 @@ TEST(ReadHolderMDMakeChunks, EndPastTheMapUsesTheEndOfStrand2) {
 
 TEST(ReadHolderMD, RawDataOwnershipAndCopies) {
     ReadHolderMD holder;
-    EXPECT_THROW(
-        {
-            try {
-                holder.SetRawData(nullptr, 3, nullptr, 0, false);
-            } catch (const std::runtime_error& e) {
-                EXPECT_STREQ(e.what(), "Cannot view nullptr with size > 0");
-                throw;
-            }
-        },
-        std::runtime_error);
+    EXPECT_EQ(TestSupport::ErrorOf([&] { holder.SetRawData(nullptr, 3, nullptr, 0, false); }),
+              "Cannot view nullptr with size > 0");
     holder.SetRawData(new float[4](), 4, new float[2](), 2, true);
     holder.read1.read_id = "a";
     holder.read2.trimmed_duration = 9;
@@ -191,16 +183,8 @@ TEST(ReadHolderMD, RawDataOwnershipAndCopies) {
     EXPECT_FALSE(holder.owns_raw);
     EXPECT_EQ(holder.raw1.data, nullptr);
 
-    EXPECT_THROW(
-        {
-            try {
-                moved.GetSequenceLength();
-            } catch (const std::runtime_error& e) {
-                EXPECT_STREQ(e.what(), "GetSequenceLength() method not available for multi-dimensional implementation.");
-                throw;
-            }
-        },
-        std::runtime_error);
+    EXPECT_EQ(TestSupport::ErrorOf([&] { moved.GetSequenceLength(); }),
+              "GetSequenceLength() method not available for multi-dimensional implementation.");
     moved.ClearRawData();
     EXPECT_FALSE(moved.owns_raw);
     EXPECT_EQ(moved.raw2.size, 0u);

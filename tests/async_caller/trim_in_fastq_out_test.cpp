@@ -17,12 +17,14 @@
 #include "async_caller/read_holder_md.h"
 #include "async_caller/summary_values.h"
 #include "async_caller/trim_in_fastq_out.h"
+#include "test_util.h"
 
 namespace fs = boost::filesystem;
 using AsyncCaller::GetSummaryValue;
 using AsyncCaller::PairSummaryColumns;
 using AsyncCaller::ReadHolderMD;
 using AsyncCaller::TrimInFastqOut;
+using TestSupport::Slurp;
 
 namespace {
 
@@ -30,11 +32,6 @@ const std::string kHeader =
     "filename1\tfilename2\tread_id1\tread_id2\trun_id\tchannel\tstart_time1\tstart_time2\ttrimmed_duration1\t"
     "trimmed_duration2\ttrimmed_events1\ttrimmed_events2\tmedian1\tmedian2\tmad1\tmad2\tsequence_length\t"
     "passes_filtering\tmean_qscore\tstrand_score\n";
-
-std::string Slurp(const fs::path& path) {
-    std::ifstream in(path.string());
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
@@ -54,28 +51,24 @@ std::vector<std::string> Cells(const std::string& line) {
 // A called pair as the data handler hands it back.
 ReadHolderMD Pair(const std::string& id, float mean_qscore, const std::string& sequence = "ACGTTGCA") {
     ReadHolderMD pair;
-    pair.read1.read_id = id + "_1";
-    pair.read2.read_id = id + "_2";
-    pair.read1.filename = "/data/reads/batch_0.rawh5";
-    pair.read2.filename = "relative/batch_1.rawh5";
-    pair.read1.run_id = "run9";
-    pair.read2.run_id = "run9";
+    const auto strand = [&](AsyncCaller::ReadMeta& r, const char* file, std::uint64_t start,
+                            std::uint64_t duration, std::uint64_t trimmed, float median, float mad) {
+        r.read_id = id + (&r == &pair.read1 ? "_1" : "_2");
+        r.filename = file;
+        r.run_id = "run9";
+        r.start_time = start;
+        r.sampling_rate = 4000.0f;
+        r.duration = duration;
+        r.trimmed_duration = trimmed;
+        r.median = median;
+        r.mad = mad;
+    };
+    strand(pair.read1, "/data/reads/batch_0.rawh5", 4000, 9000, 6000, 90.5f, 7.125f);
+    strand(pair.read2, "relative/batch_1.rawh5", 10000, 7000, 5005, 88.25f, 6.0f);
     pair.read1.sample_id = "smp";
     pair.read1.start_time_text = "2026-02-03T04:05:06Z";
     pair.read1.channel = 412;
     pair.read1.read_number = 17;
-    pair.read1.start_time = 4000;
-    pair.read2.start_time = 10000;
-    pair.read1.sampling_rate = 4000.0f;
-    pair.read2.sampling_rate = 4000.0f;
-    pair.read1.duration = 9000;
-    pair.read2.duration = 7000;
-    pair.read1.trimmed_duration = 6000;
-    pair.read2.trimmed_duration = 5005;
-    pair.read1.median = 90.5f;
-    pair.read2.median = 88.25f;
-    pair.read1.mad = 7.125f;
-    pair.read2.mad = 6.0f;
     pair.stride = 10;
     pair.sequence = sequence;
     pair.qualities = std::string(sequence.size(), '+');
@@ -180,32 +173,22 @@ TEST_F(TrimInFastqOutTest, FailedPairGetsARowAndNoRecord) {
 }
 
 TEST_F(TrimInFastqOutTest, MisuseAndOpenFailures) {
+    using TestSupport::ErrorOf;
     TrimInFastqOut idle;
     auto pair = Pair("a", 9.0f);
-    try {
-        idle.PostProcess(pair, 0);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Attempted to post-process using default constructed TrimInFastqOut object.");
-    }
+    EXPECT_EQ(ErrorOf([&] { idle.PostProcess(pair, 0); }),
+              "Attempted to post-process using default constructed TrimInFastqOut object.");
     auto processor = Make(false, 7.0f);
     pair.dimension = 2;
-    try {
-        processor->PostProcess(pair, 0);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Unrecognized dimensionality of read object.");
-    }
+    EXPECT_EQ(ErrorOf([&] { processor->PostProcess(pair, 0); }), "Unrecognized dimensionality of read object.");
     pair.dimension = 1;
     EXPECT_THROW(processor->PostProcess(pair, 1), std::out_of_range);  // only worker 0 exists
 
     const std::string bad = (dir / "missing" / "sequencing_summary.txt").string();
-    try {
+    const auto open = [&] {
         TrimInFastqOut(dir.string(), 4000, 1, 0.0f, 0.0f, bad, PairSummaryColumns(), "none", true, 7.0f, false);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_EQ(std::string(e.what()), "Could not open summary file '" + bad + "' for writing.");
-    }
+    };
+    EXPECT_EQ(ErrorOf(open), "Could not open summary file '" + bad + "' for writing.");
 }
 
 TEST_F(TrimInFastqOutTest, ConcurrentWorkersWriteWholeRows) {
@@ -242,19 +225,9 @@ TEST_F(TrimInFastqOutTest, ConcurrentWorkersWriteWholeRows) {
 TEST(SummaryValuesTest, OtherColumnsAndSingleReads) {
     const Common::ValueFormatter f;
     auto pair = Pair("a", 9.0f);
-    EXPECT_EQ(GetSummaryValue(pair, "duration1", f), "2.250000");
-    EXPECT_EQ(GetSummaryValue(pair, "duration2", f), "1.750000");
-    EXPECT_EQ(GetSummaryValue(pair, "num_events1", f), "900");
-    EXPECT_EQ(GetSummaryValue(pair, "num_events2", f), "700");
-    EXPECT_EQ(GetSummaryValue(pair, "calibration_strand_genome", f), "");
-    EXPECT_EQ(GetSummaryValue(pair, "read_id3", f), "");
-    EXPECT_EQ(GetSummaryValue(pair, "1", f), "");
     pair.read1.run_id.clear();
-    EXPECT_EQ(GetSummaryValue(pair, "run_id", f), "");
-
     AsyncCaller::ReadHolder1D single;
     single.read.filename = "/x/y/file.rawh5";
-    single.read.read_id = "r";
     single.read.channel = 3;
     single.read.start_time = 8000;
     single.read.trimmed_start = 2000;
@@ -264,13 +237,20 @@ TEST(SummaryValuesTest, OtherColumnsAndSingleReads) {
     single.stride = 5;
     single.sequence = "ACG";
     single.passes_filtering = true;
-    EXPECT_EQ(GetSummaryValue(single, "filename", f), "file.rawh5");
-    EXPECT_EQ(GetSummaryValue(single, "channel", f), "3");
-    EXPECT_EQ(GetSummaryValue(single, "template_start", f), "2.500000");
-    EXPECT_EQ(GetSummaryValue(single, "num_events", f), "2400");
-    EXPECT_EQ(GetSummaryValue(single, "num_events_template", f), "2000");
-    EXPECT_EQ(GetSummaryValue(single, "sequence_length_template", f), "3");
-    EXPECT_EQ(GetSummaryValue(single, "passes_filtering", f), "TRUE");
-    EXPECT_EQ(GetSummaryValue(single, "stay_prob", f), "");
-    EXPECT_EQ(GetSummaryValue(single, "filename1", f), "");
+    const struct {
+        const AsyncCaller::ReadHolder& holder;
+        const char* column;
+        const char* text;  // "" also for the columns a holder of that kind does not have
+    } cases[] = {
+        {pair, "duration1", "2.250000"}, {pair, "duration2", "1.750000"}, {pair, "num_events1", "900"},
+        {pair, "num_events2", "700"}, {pair, "calibration_strand_genome", ""}, {pair, "read_id3", ""},
+        {pair, "1", ""}, {pair, "run_id", ""},
+        {single, "filename", "file.rawh5"}, {single, "channel", "3"}, {single, "template_start", "2.500000"},
+        {single, "num_events", "2400"}, {single, "num_events_template", "2000"},
+        {single, "sequence_length_template", "3"}, {single, "passes_filtering", "TRUE"}, {single, "stay_prob", ""},
+        {single, "filename1", ""},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(GetSummaryValue(c.holder, c.column, f), c.text) << c.column;
+    }
 }

@@ -9,6 +9,7 @@
 #include <boost/filesystem.hpp>
 
 #include "async_caller/workflow_catalogue.h"
+#include "test_util.h"
 
 namespace fs = boost::filesystem;
 using namespace AsyncCaller;
@@ -28,14 +29,7 @@ public:
     fs::path path;
 };
 
-std::string ErrorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no error";
-}
+using TestSupport::ErrorOf;
 
 // A parsed run parameter set, as main has it before selection.
 struct RunParams {

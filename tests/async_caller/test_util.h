@@ -1,0 +1,53 @@
+#pragma once
+// Small helpers shared by the pipeline tests.
+
+#include <chrono>
+#include <exception>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+
+namespace TestSupport {
+
+// The text of what `f` throws, or "<no exception>".
+template <typename F>
+std::string ErrorOf(F&& f) {
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "<no exception>";
+}
+
+// The whole of a file, byte for byte; `path` is a std:: or boost:: path.
+template <typename Path>
+std::string Slurp(const Path& path) {
+    std::ifstream in(path.string(), std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// Polls `done` every millisecond until it holds or `seconds` have passed. The bound is for liveness
+// (sanitizer builds are slow), never a measure of speed.
+template <typename Done>
+bool Eventually(Done done, int seconds = 10) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return done();
+}
+
+// Polls until `f` throws and returns the text, or "<no exception>" if it never did.
+template <typename F>
+std::string AwaitError(F&& f, int seconds = 10) {
+    std::string text;
+    Eventually([&] { return (text = ErrorOf(f)) != "<no exception>"; }, seconds);
+    return text;
+}
+
+}  // namespace TestSupport
