@@ -79,9 +79,8 @@ TEST(EventData, SlicesFollowViewRules) {
     EventData<Shallow> evens = owner.slice(0, 3, 2);
     EXPECT_EQ(means(evens), (std::vector<float>{0, 2, 4}));
     EXPECT_EQ(evens.length[2], 5u);
+    // The bounds are those of a view's slice (VecView.SlicesOfEverySmallShape), in every field.
     EXPECT_EQ(ErrorOf([&] { owner.slice(1, 3, 2); }), "Slice out of bounds.");
-    EXPECT_EQ(ErrorOf([&] { owner.slice(0, 7, 1); }), "Slice out of bounds.");
-    EXPECT_EQ(ErrorOf([&] { owner.slice(0, 1, 0); }), "Slice cannot have zero stride.");
     // Slices of slices compose; writes go through to the owner.
     EventData<Shallow> back = evens.slice(2, 3, -1);
     EXPECT_EQ(means(back), (std::vector<float>{4, 2, 0}));
