@@ -93,8 +93,14 @@ TEST_F(FastqWriterTest, RollsOverAfterRecordsPerFileUnlessUnlimited) {
             writer.Write(0, Record("x" + std::to_string(i)), "r1", "00", folder);
         }
     }
+    // A writer that takes the files up again goes on in that file, however full.
+    {
+        FastqWriter writer(one.string(), 0, 1, false);
+        writer.ContinueExisting();
+        writer.Write(0, Record("later"), "r1", "00", writer.Folder(true, false));
+    }
     EXPECT_EQ(FileNames(one), (std::set<std::string>{"fastq_runid_r1_0.fastq"}));
-    EXPECT_EQ(ReadIds(one / "fastq_runid_r1_0.fastq").size(), 50u);
+    EXPECT_EQ(ReadIds(one / "fastq_runid_r1_0.fastq").size(), 51u);
 }
 
 TEST_F(FastqWriterTest, WorkersShareNumberingAndRunsHaveTheirOwn) {
