@@ -2,7 +2,6 @@
 
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "common/fastq_record.h"
 #include "common/fastq_writer.h"
 #include "common/gzip_members.h"
+#include "test_support.h"
 
 namespace fs = boost::filesystem;
 using Common::FastqWriter;
@@ -61,16 +61,13 @@ std::set<std::string> FileNames(const fs::path& dir) {
 
 class FastqWriterTest : public testing::Test {
 protected:
-    FastqWriterTest() : dir(fs::temp_directory_path() / fs::unique_path("kvx-fqw-%%%%-%%%%")) {
-        fs::create_directories(dir);
-    }
-    ~FastqWriterTest() override { fs::remove_all(dir); }
-    fs::path dir;
+    TestSupport::TempDir temp;
+    const fs::path& dir = temp.path;
 };
 
 }  // namespace
 
-TEST_F(FastqWriterTest, RollsOverAfterRecordsPerFile) {
+TEST_F(FastqWriterTest, RollsOverAfterRecordsPerFileUnlessUnlimited) {
     {
         FastqWriter writer(dir.string(), 2, 1, false);
         const std::string folder = writer.Folder(true, false);
@@ -83,22 +80,27 @@ TEST_F(FastqWriterTest, RollsOverAfterRecordsPerFile) {
     EXPECT_EQ(ReadIds(dir / "fastq_runid_r1_0.fastq"), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(ReadIds(dir / "fastq_runid_r1_1.fastq"), (std::vector<std::string>{"c"}));
     // The file text is exactly the records' own text.
-    std::ifstream in((dir / "fastq_runid_r1_1.fastq").string());
-    std::stringstream text;
-    text << in.rdbuf();
-    EXPECT_EQ(text.str(), Record("c").ToString());
-    EXPECT_EQ(text.str().rfind("@c runid=r1 sampleid=s read=3 ch=7 start_time=2026-01-01T00:00:00Z\n", 0), 0u);
-}
+    const std::string text = TestSupport::ReadText((dir / "fastq_runid_r1_1.fastq").string());
+    EXPECT_EQ(text, Record("c").ToString());
+    EXPECT_EQ(text.rfind("@c runid=r1 sampleid=s read=3 ch=7 start_time=2026-01-01T00:00:00Z\n", 0), 0u);
 
-TEST_F(FastqWriterTest, NoLimitKeepsOneFile) {
+    // No limit: one file however many records.
+    const fs::path one = dir / "one";
     {
-        FastqWriter writer(dir.string(), 0, 1, false);
+        FastqWriter writer(one.string(), 0, 1, false);
+        const std::string folder = writer.Folder(true, false);
         for (int i = 0; i < 50; ++i) {
-            writer.Write(0, Record("x" + std::to_string(i)), "r1", "00", dir.string());
+            writer.Write(0, Record("x" + std::to_string(i)), "r1", "00", folder);
         }
     }
-    EXPECT_EQ(FileNames(dir), (std::set<std::string>{"fastq_runid_r1_0.fastq"}));
-    EXPECT_EQ(ReadIds(dir / "fastq_runid_r1_0.fastq").size(), 50u);
+    // A writer that takes the files up again goes on in that file, however full.
+    {
+        FastqWriter writer(one.string(), 0, 1, false);
+        writer.ContinueExisting();
+        writer.Write(0, Record("later"), "r1", "00", writer.Folder(true, false));
+    }
+    EXPECT_EQ(FileNames(one), (std::set<std::string>{"fastq_runid_r1_0.fastq"}));
+    EXPECT_EQ(ReadIds(one / "fastq_runid_r1_0.fastq").size(), 51u);
 }
 
 TEST_F(FastqWriterTest, WorkersShareNumberingAndRunsHaveTheirOwn) {
@@ -229,12 +231,7 @@ TEST_F(FastqWriterTest, CompressedFilesHoldThePlainRecords) {
             writer.Write(i % 2, Record(ids[i]), "r1", writer.Key(passes, false), writer.Folder(passes, false));
         }
     };
-    const auto readAll = [](const fs::path& file) {
-        std::ifstream in(file.string(), std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    };
+    const auto readAll = [](const fs::path& file) { return TestSupport::ReadText(file.string()); };
     for (const bool compress : {false, true}) {
         const fs::path root = dir / (compress ? "gz" : "plain");
         writeAll(root, compress, {"a", "b", "c", "d", "e", "f", "g"}, false);

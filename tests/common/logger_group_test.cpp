@@ -13,6 +13,7 @@
 
 #include "common/logger.h"
 #include "common/logger_group.h"
+#include "test_support.h"
 
 namespace fs = boost::filesystem;
 using namespace Common::logging;
@@ -20,33 +21,27 @@ using Common::logging::attributes::SeverityLevel;
 
 namespace {
 
-class TempDir {
-public:
-    TempDir() : path(fs::temp_directory_path() / fs::unique_path("kvx-log-%%%%-%%%%")) { fs::create_directories(path); }
-    ~TempDir() { fs::remove_all(path); }
-    // Contents of the one file whose name starts with prefix; empty if there is none.
-    std::string FileStartingWith(const std::string& prefix, std::string* name = nullptr) const {
-        for (fs::directory_iterator it(path), end; it != end; ++it) {
-            const auto file = it->path().filename().string();
-            if (file.rfind(prefix, 0) == 0) {
-                if (name) {
-                    *name = file;
-                }
-                std::ifstream in(it->path().string());
-                return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+using TestSupport::TempDir;
+
+// Contents of the one file in dir whose name starts with prefix; empty if there is none.
+std::string FileStartingWith(const TempDir& dir, const std::string& prefix, std::string* name = nullptr) {
+    for (fs::directory_iterator it(dir.path), end; it != end; ++it) {
+        const auto file = it->path().filename().string();
+        if (file.rfind(prefix, 0) == 0) {
+            if (name) {
+                *name = file;
             }
+            return TestSupport::ReadText(it->path().string());
         }
-        return {};
     }
-    fs::path path;
-};
+    return {};
+}
 
 int g_evaluations = 0;
 std::string Counted(const std::string& text) {
     ++g_evaluations;
     return text;
 }
-
 
 LoggerOptions MarloOptions(const TempDir& dir, bool quiet, bool verbose, const std::string& trace) {
     auto options = LoggerOptionsUtils::GetDefaultMarloLogOptions(quiet, verbose, trace);
@@ -86,43 +81,34 @@ TEST(LoggerGroup, NothingIsMadeBeforeOrAfterAGroup) {
     EXPECT_EQ(g_evaluations, 0);
 }
 
+// Quiet empties standard output only: the other sinks are the same either way.
 TEST(LoggerGroup, DefaultSinksSplitRecordsBySeverity) {
-    TempDir dir;
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    g_evaluations = 0;
-    {
-        LoggerGroup group(MarloOptions(dir, false, false, ""));
-        EmitSample();
-        KVX_LOG(verbose) << Counted("nobody takes verbose");
+    for (const bool quiet : {false, true}) {
+        SCOPED_TRACE(quiet ? "quiet" : "not quiet");
+        TempDir dir;
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        g_evaluations = 0;
+        {
+            LoggerGroup group(MarloOptions(dir, quiet, false, ""));
+            EmitSample();
+            KVX_LOG(verbose) << Counted("nobody takes verbose");
+        }
+        const auto out = testing::internal::GetCapturedStdout();
+        const auto err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(g_evaluations, 0);
+        EXPECT_EQ(out, quiet ? "" : "message core\n");
+        // Standard error prints channel and short function name.
+        EXPECT_EQ(err, "[marlo/core] EmitSample: warning core\n[marlo/core] EmitSample: error core\n");
+        const auto core = FileStartingWith(dir, "core_test_log-");
+        const std::regex core_lines(
+            "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\[marlo/core\\] message core\n"
+            "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\[marlo/core\\] info core\n"
+            "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\[marlo/core\\] warning core\n"
+            "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\[marlo/core\\] error core\n");
+        EXPECT_TRUE(std::regex_match(core, core_lines)) << core;
+        EXPECT_EQ(FileStartingWith(dir, "verbose_test"), "");
     }
-    const auto out = testing::internal::GetCapturedStdout();
-    const auto err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(g_evaluations, 0);
-    EXPECT_EQ(out, "message core\n");
-    // Standard error prints channel and short function name.
-    EXPECT_EQ(err, "[marlo/core] EmitSample: warning core\n[marlo/core] EmitSample: error core\n");
-    const auto core = dir.FileStartingWith("core_test_log-");
-    const std::regex core_lines(
-        "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\[marlo/core\\] message core\n"
-        "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\[marlo/core\\] info core\n"
-        "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\[marlo/core\\] warning core\n"
-        "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\[marlo/core\\] error core\n");
-    EXPECT_TRUE(std::regex_match(core, core_lines)) << core;
-    EXPECT_EQ(dir.FileStartingWith("verbose_test"), "");
-}
-
-TEST(LoggerGroup, QuietKeepsStandardOutputEmptyButNotStandardError) {
-    TempDir dir;
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    {
-        LoggerGroup group(MarloOptions(dir, true, false, ""));
-        EmitSample();
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("warning core"), std::string::npos);
-    EXPECT_NE(dir.FileStartingWith("core_test_log-").find("message core"), std::string::npos);
 }
 
 TEST(LoggerGroup, TraceCategoriesReachOnlyTheVerboseFile) {
@@ -136,14 +122,14 @@ TEST(LoggerGroup, TraceCategoriesReachOnlyTheVerboseFile) {
     const auto out = testing::internal::GetCapturedStdout();
     const auto err = testing::internal::GetCapturedStderr();
     std::string name;
-    const auto verbose = dir.FileStartingWith("verbose_test_log-", &name);
+    const auto verbose = FileStartingWith(dir, "verbose_test_log-", &name);
     EXPECT_TRUE(std::regex_match(name, std::regex("verbose_test_log-\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d\\.log")))
         << name;
     const std::regex lines(
         "\\S+ \\S+ \\[marlo/foo\\] \\{trace\\} EmitSample: trace foo\n"
         "\\S+ \\S+ \\[marlo/bar\\] \\{trace\\} EmitSample: trace bar\n");
     EXPECT_TRUE(std::regex_match(verbose, lines)) << verbose;
-    for (const auto& other : {out, err, dir.FileStartingWith("core_test_log-")}) {
+    for (const auto& other : {out, err, FileStartingWith(dir, "core_test_log-")}) {
         EXPECT_EQ(other.find("trace"), std::string::npos) << other;
     }
 }
@@ -158,7 +144,7 @@ TEST(LoggerGroup, VerboseLogsTakeVerboseAndAboveWithChannels) {
     }
     testing::internal::GetCapturedStdout();
     testing::internal::GetCapturedStderr();
-    const auto verbose = dir.FileStartingWith("verbose_test_log-");
+    const auto verbose = FileStartingWith(dir, "verbose_test_log-");
     for (const char* wanted : {"{verbose} EmitSample: verbose core", "{message} EmitSample: message core",
                                "{error} EmitSample: error core", "[marlo/baz] {trace} EmitSample: trace baz"}) {
         EXPECT_NE(verbose.find(wanted), std::string::npos) << wanted << "\n" << verbose;
@@ -201,7 +187,7 @@ TEST(LoggerGroup, EveryRecordKeepsItsOwnChannel) {
     testing::internal::GetCapturedStderr();
 
     std::map<std::string, int> lines_per_channel;
-    std::istringstream verbose(dir.FileStartingWith("verbose_test_log-"));
+    std::istringstream verbose(FileStartingWith(dir, "verbose_test_log-"));
     const std::regex line("\\S+ \\S+ \\[marlo/(\\w+)\\] \\{trace\\} \\S+: (from (\\w+)|outer (\\w+)|nested)");
     std::smatch m;
     for (std::string text; std::getline(verbose, text);) {
@@ -213,7 +199,7 @@ TEST(LoggerGroup, EveryRecordKeepsItsOwnChannel) {
     const std::map<std::string, int> expected_lines = {
         {"foo", kPerThread + 1}, {"bar", kPerThread + 1}, {"baz", kPerThread}, {"qux", kPerThread}};
     EXPECT_EQ(lines_per_channel, expected_lines);
-    std::istringstream core(dir.FileStartingWith("core_test_log-"));
+    std::istringstream core(FileStartingWith(dir, "core_test_log-"));
     int core_lines = 0;
     for (std::string text; std::getline(core, text); ++core_lines) {
         EXPECT_NE(text.find(" [marlo/core] from core"), std::string::npos) << text;
@@ -284,7 +270,7 @@ TEST(LoggerFormat, FileNamePatternAndIndexRange) {
         KVX_LOG(message) << "percent";
     }
     std::string name;
-    EXPECT_EQ(dir.FileStartingWith("100%_core_log-", &name), "percent\n");
+    EXPECT_EQ(FileStartingWith(dir, "100%_core_log-", &name), "percent\n");
     EXPECT_TRUE(std::regex_match(name, std::regex("100%_core_log-\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d\\.log")))
         << name;
 }

@@ -1,18 +1,18 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <boost/filesystem.hpp>
-
 #include "common/executable_path.h"
 #include "common/parameters.h"
+#include "test_support.h"
 
-namespace fs = boost::filesystem;
 using Common::Parameters;
+using TestSupport::TempDir;
 
 namespace {
 
@@ -53,20 +53,6 @@ public:
     bool valid = true;
 };
 
-class TempDir {
-public:
-    TempDir() : path(fs::temp_directory_path() / fs::unique_path("kvx-params-%%%%-%%%%")) {
-        fs::create_directories(path);
-    }
-    ~TempDir() { fs::remove_all(path); }
-    std::string File(const std::string& name, const std::string& content) const {
-        const auto file = (path / name).string();
-        std::ofstream(file) << content;
-        return file;
-    }
-    fs::path path;
-};
-
 std::uint32_t Parse(TestParams& params, std::vector<std::string> args, std::istream* stream = nullptr,
                     const std::string& config_name = "") {
     args.insert(args.begin(), "prog");
@@ -86,217 +72,156 @@ std::vector<std::string> With(std::vector<std::string> args) {
 
 }  // namespace
 
-TEST(Parameters, PrecedenceIsCommandLineThenConfigThenConstructor) {
-    std::istringstream config("name = from_file\ncount = 11\nscale = 2.5\noffset = 9\n");
-    TestParams params;
-    const auto flags = Parse(params, With({"--count", "12"}), &config);
-    EXPECT_EQ(flags, 0u) << params.ErrorText() << params.MessageText();
-    EXPECT_EQ(params.name, "from_file");  // file beats constructor
-    EXPECT_EQ(params.count, 12u);         // command line beats file
-    EXPECT_FLOAT_EQ(params.scale, 2.5f);
-    EXPECT_EQ(params.offset, 9);
-    EXPECT_TRUE(params.enabled);  // untouched by both: constructor value
-    EXPECT_FALSE(params.flag);
-    EXPECT_TRUE(params.ErrorText().empty());
-    EXPECT_TRUE(params.MessageText().empty());
-}
-
-TEST(Parameters, FlagsBoolValuesAndShortNames) {
-    TestParams params;
-    Parse(params, With({"-w", "--enabled", "false", "-n", "short"}));
-    EXPECT_TRUE(params.flag);
-    EXPECT_FALSE(params.enabled);
-    EXPECT_EQ(params.name, "short");
-}
-
-TEST(Parameters, MissingRequiredOptionsInKeyOrder) {
-    TestParams params;
-    const auto flags = Parse(params, {"--count", "3"});
-    EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed));
-    EXPECT_EQ(params.ErrorText(), "Missing required option 'needed'.\nMissing required option 'needed_anywhere'.\n");
-}
-
-TEST(Parameters, RequiredOptionCountsInConfigOnlyWhereDeclaredForIt) {
-    std::istringstream config("needed = a\nneeded_anywhere = b\n");
-    TestParams params;
-    const auto flags = Parse(params, {"--count", "3"}, &config);
-    EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed | Parameters::UnexpectedOption));
-    EXPECT_EQ(params.ErrorText(), "Missing required option 'needed'.\n");
-    EXPECT_EQ(params.MessageText(), "Unexpected option 'needed' found in configuration file.\n");
-    EXPECT_EQ(params.needed_anywhere, "b");
-}
-
-TEST(Parameters, UnexpectedOptionsAreNoticesInBothSources) {
-    std::istringstream config("bogus = 1\nswitch = 1\ncmd_only = z\nignored = 4\n[sec]\nkey = 2\n");
-    TestParams params;
-    const auto flags = Parse(params, With({"--unknown", "5", "--other=1", "-y"}), &config);
-    EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::UnexpectedOption));
-    EXPECT_TRUE(params.ErrorText().empty());
-    EXPECT_EQ(params.MessageText(),
-              "Unexpected option 'bogus' found in configuration file.\n"
-              "Unexpected option 'switch' found in configuration file.\n"
-              "Unexpected option 'cmd_only' found in configuration file.\n"
-              "Unexpected option 'sec.key' found in configuration file.\n"
-              "Unexpected option 'unknown' found on command line.\n"
-              "Unexpected option 'other' found on command line.\n"
-              "Unexpected option '-y' found on command line.\n");
-    EXPECT_TRUE(params.cmd_only.empty());
-}
-
-TEST(Parameters, OptionsOfOneSourceAreUnknownInTheOther) {
-    TestParams params;
-    const auto flags = Parse(params, With({"--offset", "4"}));
-    EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::UnexpectedOption));
-    EXPECT_EQ(params.offset, -3);
-    EXPECT_EQ(params.MessageText(), "Unexpected option 'offset' found on command line.\n");
-}
-
-TEST(Parameters, SyntaxAndProcessingErrors) {
-    {
-        std::istringstream config("name\n");
-        TestParams params;
-        const auto flags = Parse(params, With({}), &config);
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::SyntaxError));
-        EXPECT_EQ(params.ErrorText(),
-                  "Error parsing config file: 'the options configuration file contains an invalid line "
-                  "'name''.\n");
-    }
-    {
-        std::istringstream config("count = many\n");
-        TestParams params;
-        const auto flags = Parse(params, With({}), &config);
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ProcessError));
-        EXPECT_EQ(params.ErrorText().rfind("Error processing config file: '", 0), 0u) << params.ErrorText();
-        EXPECT_EQ(params.count, 7u);
-    }
-    {
+// One parse per row: the configuration text (none when null), the command line, and what comes out.
+// An expected error ending in "..." is compared as a prefix (the rest is the library's own text).
+TEST(Parameters, ParseOutcomesAndTheirTexts) {
+    using P = Parameters;
+    const std::string missing_both = "Missing required option 'needed'.\nMissing required option 'needed_anywhere'.\n";
+    const struct {
+        const char* name;
+        const char* config;
+        std::vector<std::string> args;
+        std::uint32_t flags;
+        std::string error, message;
+        std::function<void(const TestParams&)> check;
+    } cases[] = {
+        {"command line, then file, then constructor", "name = from_file\ncount = 11\nscale = 2.5\noffset = 9\n",
+         With({"--count", "12"}), 0, "", "",
+         [](const TestParams& p) {
+             EXPECT_EQ(p.name, "from_file");
+             EXPECT_EQ(p.count, 12u);
+             EXPECT_FLOAT_EQ(p.scale, 2.5f);
+             EXPECT_EQ(p.offset, 9);
+             EXPECT_TRUE(p.enabled);  // untouched by both: constructor value
+             EXPECT_FALSE(p.flag);
+         }},
+        {"flags, bool values and short names", nullptr, With({"-w", "--enabled", "false", "-n", "short"}), 0, "", "",
+         [](const TestParams& p) {
+             EXPECT_TRUE(p.flag);
+             EXPECT_FALSE(p.enabled);
+             EXPECT_EQ(p.name, "short");
+         }},
+        {"required options missing, in key order", nullptr, {"--count", "3"}, P::ParseFailed, missing_both, "", nullptr},
+        {"a required option counts in the config only where declared for it", "needed = a\nneeded_anywhere = b\n",
+         {"--count", "3"}, P::ParseFailed | P::UnexpectedOption, "Missing required option 'needed'.\n",
+         "Unexpected option 'needed' found in configuration file.\n",
+         [](const TestParams& p) { EXPECT_EQ(p.needed_anywhere, "b"); }},
+        {"unexpected options are notices in both sources",
+         "bogus = 1\nswitch = 1\ncmd_only = z\nignored = 4\n[sec]\nkey = 2\n",
+         With({"--unknown", "5", "--other=1", "-y"}), P::UnexpectedOption, "",
+         "Unexpected option 'bogus' found in configuration file.\n"
+         "Unexpected option 'switch' found in configuration file.\n"
+         "Unexpected option 'cmd_only' found in configuration file.\n"
+         "Unexpected option 'sec.key' found in configuration file.\n"
+         "Unexpected option 'unknown' found on command line.\n"
+         "Unexpected option 'other' found on command line.\n"
+         "Unexpected option '-y' found on command line.\n",
+         [](const TestParams& p) { EXPECT_TRUE(p.cmd_only.empty()); }},
+        {"a config-only option is unknown on the command line", nullptr, With({"--offset", "4"}), P::UnexpectedOption,
+         "", "Unexpected option 'offset' found on command line.\n",
+         [](const TestParams& p) { EXPECT_EQ(p.offset, -3); }},
+        {"config syntax", "name\n", With({}), P::SyntaxError,
+         "Error parsing config file: 'the options configuration file contains an invalid line 'name''.\n", "", nullptr},
+        {"config value", "count = many\n", With({}), P::ProcessError, "Error processing config file: '...", "",
+         [](const TestParams& p) { EXPECT_EQ(p.count, 7u); }},
         // A failed store marks nothing as seen, so the required options are reported missing too.
-        TestParams params;
-        const auto flags = Parse(params, With({"--count", "many"}));
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ProcessError | Parameters::ParseFailed));
-        EXPECT_EQ(params.ErrorText(),
-                  "Error processing command line: 'the argument ('many') for option '--count' is invalid'.\n"
-                  "Missing required option 'needed'.\nMissing required option 'needed_anywhere'.\n");
-    }
-    {
+        {"command-line value", nullptr, With({"--count", "many"}), P::ProcessError | P::ParseFailed,
+         "Error processing command line: 'the argument ('many') for option '--count' is invalid'.\n" + missing_both,
+         "", nullptr},
         // --config last has no value: the scan ignores it and the library reports the syntax.
+        {"--config without a value", nullptr, {"--needed", "x", "--needed_anywhere", "y", "--config"},
+         P::SyntaxError | P::ParseFailed,
+         "Error parsing command line: 'the required argument for option '--config' is missing'.\n" + missing_both, "",
+         nullptr},
+        // -d twice: the scan takes the first, the library rejects the repetition.
+        {"data path twice", nullptr, With({"-d", "/first", "-d", "/second"}), P::ProcessError | P::ParseFailed,
+         "Error processing command line: 'option '--data_path' cannot be specified more than once'.\n...", "",
+         [](const TestParams& p) { EXPECT_EQ(p.data_path, "/first"); }},
+        // The equals form is not seen ahead of the parse, but the member holds it afterwards.
+        {"data path in the equals form", nullptr, With({"--data_path=/elsewhere"}), 0, "", "",
+         [](const TestParams& p) { EXPECT_EQ(p.data_path, "/elsewhere"); }},
+        {"no data path", nullptr, With({}), 0, "", "",
+         [](const TestParams& p) {
+             EXPECT_EQ(p.data_path, (Common::ExecutableDirectory().parent_path() / "data").string());
+         }},
+        {"version", nullptr, With({"--version"}), P::VersionRequested, "", "Version requested.\n", nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::istringstream config(c.config ? c.config : "");
         TestParams params;
-        const auto flags = Parse(params, {"--needed", "x", "--needed_anywhere", "y", "--config"});
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::SyntaxError | Parameters::ParseFailed));
-        EXPECT_EQ(params.ErrorText(),
-                  "Error parsing command line: 'the required argument for option '--config' is missing'.\n"
-                  "Missing required option 'needed'.\nMissing required option 'needed_anywhere'.\n");
+        EXPECT_EQ(Parse(params, c.args, c.config ? &config : nullptr), c.flags);
+        const std::string& error = params.ErrorText();
+        if (c.error.size() >= 3 && c.error.compare(c.error.size() - 3, 3, "...") == 0) {
+            EXPECT_EQ(error.rfind(c.error.substr(0, c.error.size() - 3), 0), 0u) << error;
+        } else {
+            EXPECT_EQ(error, c.error);
+        }
+        EXPECT_EQ(params.MessageText(), c.message);
+        if (c.check) c.check(params);
     }
 }
 
-TEST(Parameters, ConfigFileFoundBySeparatedFormOnly) {
+TEST(Parameters, ConfigFileLookup) {
     TempDir dir;
     const auto file = dir.File("a.cfg", "name = from_file\n");
-    {
-        TestParams params;
-        Parse(params, With({"--config", file}));
-        EXPECT_EQ(params.name, "from_file");
-        EXPECT_EQ(params.config_file, file);
-    }
-    {
-        // The equals form is invisible to the scan: the file is not read, yet its name is kept.
-        TestParams params;
-        const auto flags = Parse(params, With({"--config=" + file}));
-        EXPECT_EQ(flags, 0u) << params.ErrorText();
-        EXPECT_EQ(params.name, "ctor");
-        EXPECT_EQ(params.config_file, file);
-    }
-}
-
-TEST(Parameters, BareConfigNameIsLookedUpInTheDataPath) {
-    TempDir dir;
     dir.File("b.cfg", "count = 99\n");
-    TestParams params;
-    const auto flags = Parse(params, With({"-d", dir.path.string(), "-c", "b.cfg"}));
-    EXPECT_EQ(flags, 0u) << params.ErrorText();
-    EXPECT_EQ(params.count, 99u);
-    EXPECT_EQ(params.data_path, dir.path.string());
-    EXPECT_EQ(params.config_file, (dir.path / "b.cfg").string());
-}
-
-TEST(Parameters, MissingConfigFileIsReportedAndStillOpened) {
-    TempDir dir;
-    const auto missing = (dir.path / "none.cfg").string();
-    TestParams params;
-    const auto flags = Parse(params, With({"--config", missing}));
-    EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed | Parameters::ConfigReadError));
-    EXPECT_EQ(params.ErrorText(), "Config file: " + missing + " does not exist!\n" +
-                                      "Error reading config file: 'can not read options configuration file '" +
-                                      missing + "''.\n");
-}
-
-TEST(Parameters, DataPathScanAndDefaults) {
-    {
-        // -d twice: the scan takes the first, the library rejects the repetition.
-        TestParams params;
-        const auto flags = Parse(params, With({"-d", "/first", "-d", "/second"}));
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ProcessError | Parameters::ParseFailed));
-        EXPECT_EQ(params.data_path, "/first");
-        EXPECT_EQ(params.ErrorText().rfind(
-                      "Error processing command line: 'option '--data_path' cannot be specified more than once'.\n", 0),
-                  0u)
-            << params.ErrorText();
-    }
-    {
-        // The equals form is not seen ahead of the parse, but the member holds it afterwards.
-        TestParams params;
-        Parse(params, With({"--data_path=/elsewhere"}));
-        EXPECT_EQ(params.data_path, "/elsewhere");
-    }
-    {
-        TestParams params;
-        Parse(params, With({}));
-        EXPECT_EQ(params.data_path, (Common::ExecutableDirectory().parent_path() / "data").string());
-    }
-    {
-        TestParams params;
-        params.ParseArguments(nullptr, "", 0, nullptr, "sub");
-        EXPECT_EQ(params.data_path, (Common::ExecutableDirectory().parent_path() / "data" / "sub").string());
-    }
-}
-
-TEST(Parameters, DefaultConfigIsUsedWhenNoneIsNamed) {
-    TempDir dir;
     dir.File("default.cfg", "scale = 4.25\n");
+    const auto missing = (dir.path / "none.cfg").string();
+    const std::string data = dir.path.string();
+    const struct {
+        const char* name;
+        std::vector<std::string> args;
+        const char* default_config;
+        std::uint32_t flags;
+        std::string error, config_file;
+        std::function<void(const TestParams&)> check;
+    } cases[] = {
+        {"named with --config", With({"--config", file}), "", 0, "", file,
+         [](const TestParams& p) { EXPECT_EQ(p.name, "from_file"); }},
+        // The equals form is invisible to the scan: the file is not read, yet its name is kept.
+        {"named with --config=", With({"--config=" + file}), "", 0, "", file,
+         [](const TestParams& p) { EXPECT_EQ(p.name, "ctor"); }},
+        {"a bare name is looked up in the data path", With({"-d", data, "-c", "b.cfg"}), "", 0, "",
+         (dir.path / "b.cfg").string(), [&](const TestParams& p) {
+             EXPECT_EQ(p.count, 99u);
+             EXPECT_EQ(p.data_path, data);
+         }},
+        {"the default when none is named", With({"-d", data}), "default.cfg", 0, "",
+         (dir.path / "default.cfg").string(), [](const TestParams& p) { EXPECT_FLOAT_EQ(p.scale, 4.25f); }},
+        {"a missing file is reported and still opened", With({"--config", missing}), "",
+         Parameters::ParseFailed | Parameters::ConfigReadError,
+         "Config file: " + missing + " does not exist!\nError reading config file: 'can not read options "
+         "configuration file '" + missing + "''.\n", missing, nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TestParams params;
+        params.SetDefaultConfig(c.default_config);
+        EXPECT_EQ(Parse(params, c.args), c.flags);
+        EXPECT_EQ(params.ErrorText(), c.error);
+        EXPECT_EQ(params.config_file, c.config_file);
+        if (c.check) c.check(params);
+    }
+    // No arguments at all: nothing is parsed, required options are missing, no help; the data path
+    // takes the subfolder.
     TestParams params;
-    params.SetDefaultConfig("default.cfg");
-    const auto flags = Parse(params, With({"-d", dir.path.string()}));
-    EXPECT_EQ(flags, 0u) << params.ErrorText();
-    EXPECT_FLOAT_EQ(params.scale, 4.25f);
-    EXPECT_EQ(params.config_file, (dir.path / "default.cfg").string());
+    EXPECT_EQ(params.ParseArguments(nullptr, "", 0, nullptr, "sub"), static_cast<std::uint32_t>(Parameters::ParseFailed));
+    EXPECT_EQ(params.data_path, (Common::ExecutableDirectory().parent_path() / "data" / "sub").string());
 }
 
-TEST(Parameters, HelpVersionAndEmptyCommandLine) {
-    {
-        std::istringstream config("name = x\n");
-        TestParams params;
-        params.SetHelpHeader("Usage: prog\n");
-        const auto flags = Parse(params, {}, &config);
-        EXPECT_TRUE(flags & Parameters::HelpRequested);
-        EXPECT_TRUE(flags & Parameters::ParseFailed);
-        EXPECT_EQ(params.MessageText().rfind("Usage: prog\nCommand line parameters:\n", 0), 0u);
-        EXPECT_NE(params.MessageText().find("--needed arg"), std::string::npos);
-        // Configuration-only options are not part of the command-line help.
-        EXPECT_EQ(params.MessageText().find("--offset"), std::string::npos);
-        EXPECT_EQ(params.name, "x");
-    }
-    {
-        TestParams params;
-        const auto flags = Parse(params, With({"--version"}));
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::VersionRequested));
-        EXPECT_EQ(params.MessageText(), "Version requested.\n");
-    }
-    {
-        // No argv at all: nothing is parsed, required options are missing, no help.
-        TestParams params;
-        const auto flags = params.ParseArguments(nullptr, "", 0, nullptr, "");
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed));
-    }
+TEST(Parameters, BareProgramNameShowsTheCommandLineHelp) {
+    std::istringstream config("name = x\n");
+    TestParams params;
+    params.SetHelpHeader("Usage: prog\n");
+    const auto flags = Parse(params, {}, &config);
+    EXPECT_TRUE(flags & Parameters::HelpRequested);
+    EXPECT_TRUE(flags & Parameters::ParseFailed);
+    EXPECT_EQ(params.MessageText().rfind("Usage: prog\nCommand line parameters:\n", 0), 0u);
+    EXPECT_NE(params.MessageText().find("--needed arg"), std::string::npos);
+    // Configuration-only options are not part of the command-line help.
+    EXPECT_EQ(params.MessageText().find("--offset"), std::string::npos);
+    EXPECT_EQ(params.name, "x");
 }
 
 TEST(Parameters, ValidateParamsFailureOnlySetsTheFlag) {

@@ -22,42 +22,6 @@ T attr(const AttributeMap& m, const std::string& name) {
     return boost::any_cast<T>(m.at(name));
 }
 
-ReadMetadata metadataFor(const std::string& id, unsigned int duration, unsigned int read_number) {
-    return {
-        {"raw_data",
-         {{"read_id", id},
-          {"duration", duration},
-          {"read_number", read_number},
-          {"start_time", 987654ul},
-          {"start_mux", 3u},
-          {"median_before", 215.25}}},
-        {"channel_id",
-         {{"digitisation", 8192.0},
-          {"offset", -12.0},
-          {"range", 1500.0},
-          {"sampling_rate", 4000.0},
-          {"channel_number", std::string("77")}}},
-        {"tracking_id",
-         {{"run_id", std::string("run-xyz")},
-          {"flow_cell_id", std::string("FC-9")},
-          {"sample_id", std::string("sample-7")},
-          {"exp_start_time", std::string("2017-06-01T10:00:00Z")}}},
-        // One attribute of every kind the layer stores.
-        {"context_tags",
-         {{"sc", (signed char)-1},
-          {"uc", (unsigned char)1},
-          {"s", (short)-2},
-          {"us", (unsigned short)2},
-          {"i", -3},
-          {"ui", 3u},
-          {"l", -4l},
-          {"ul", 4ul},
-          {"f", 0.5f},
-          {"d", 0.25},
-          {"text", std::string("kit")}}},
-    };
-}
-
 std::vector<std::int16_t> ramp(int n, int from) {
     std::vector<std::int16_t> v(n);
     std::iota(v.begin(), v.end(), std::int16_t(from));
@@ -131,8 +95,8 @@ void writeMultiFile(const std::string& path) {
     EXPECT_EQ(r1->ReadId(), "r1");
     EXPECT_EQ(Thrown<std::runtime_error>([&] { r1->SetRawData(ramp(4, 0)); }),
               "Cannot set data for a read until after metadata has been set.");
-    r1->SetMetadata(metadataFor("r1", 2500, 1));
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { r1->SetMetadata(metadataFor("r1", 2500, 1)); }),
+    r1->SetMetadata(kvx_test::MetadataFor("r1", 2500, 1));
+    EXPECT_EQ(Thrown<std::runtime_error>([&] { r1->SetMetadata(kvx_test::MetadataFor("r1", 2500, 1)); }),
               "This API does not support modification of data already in a rawh5 file.");
     r1->SetRawData(ramp(2500, -1250));
     EXPECT_EQ(Thrown<std::runtime_error>([&] { r1->SetRawData(ramp(2500, 0)); }),
@@ -142,7 +106,7 @@ void writeMultiFile(const std::string& path) {
 
     // The scaled half: picoamperes back to raw samples with the channel's calibration.
     auto r2 = source.AddRead("r2");
-    r2->SetMetadata(metadataFor("r2", 4, 2));
+    r2->SetMetadata(kvx_test::MetadataFor("r2", 4, 2));
     const double scale = 1500.0 / 8192.0;
     // Truncation toward zero after the offset: 88.25 + 12 gives 100, -19.25 + 12 gives -7.
     r2->SetScaledData({float(88.25 * scale), float(-19.25 * scale), 0.0f, 1e9f});
@@ -162,7 +126,7 @@ void writeLegacyFile(const std::string& path) {
     EXPECT_EQ(source.GetReadIds(), std::vector<std::string>{"L1"});
     EXPECT_EQ(Thrown<std::runtime_error>([&] { source.AddRead("L2"); }),
               "Cannot create second read in single-read file.");
-    read->SetMetadata(metadataFor("L1", 1024, 9));
+    read->SetMetadata(kvx_test::MetadataFor("L1", 1024, 9));
     read->SetRawData(ramp(1024, 0));
     writeBasecall(*read, "L1", true);
 }
@@ -180,20 +144,10 @@ TEST(Rawh5RoundTrip, MultiReadFileWrittenAndReadBack) {
     EXPECT_EQ(read->RunId(), "run-xyz");
     EXPECT_EQ(read->SampleId(), "sample-7");
     const ReadMetadata& meta = read->Metadata();
-    EXPECT_EQ(attr<unsigned int>(meta.at("raw_data"), "start_mux"), 3u);
-    EXPECT_EQ(attr<double>(meta.at("raw_data"), "median_before"), 215.25);
-    const AttributeMap& tags = meta.at("context_tags");
-    EXPECT_EQ(attr<signed char>(tags, "sc"), -1);
-    EXPECT_EQ(attr<unsigned char>(tags, "uc"), 1);
-    EXPECT_EQ(attr<short>(tags, "s"), -2);
-    EXPECT_EQ(attr<unsigned short>(tags, "us"), 2);
-    EXPECT_EQ(attr<int>(tags, "i"), -3);
-    EXPECT_EQ(attr<unsigned int>(tags, "ui"), 3u);
-    EXPECT_EQ(attr<long>(tags, "l"), -4);
-    EXPECT_EQ(attr<unsigned long>(tags, "ul"), 4u);
-    EXPECT_EQ(attr<float>(tags, "f"), 0.5f);
-    EXPECT_EQ(attr<double>(tags, "d"), 0.25);
-    EXPECT_EQ(attr<std::string>(tags, "text"), "kit");
+    const ReadMetadata written = kvx_test::MetadataFor("r1", 2500, 1);
+    for (const char* group : {"raw_data", "context_tags"}) {
+        EXPECT_EQ(kvx_test::AttributeTexts(meta.at(group)), kvx_test::AttributeTexts(written.at(group))) << group;
+    }
     EXPECT_EQ(read->GetRawData(), ramp(2500, -1250));
     const std::vector<float> scaled = read->GetScaledData(0, 1);
     EXPECT_EQ(scaled, std::vector<float>{float((-1250 - 12.0) * (1500.0 / 8192.0))});
@@ -233,13 +187,13 @@ TEST(Rawh5RoundTrip, WriteHalfRefusals) {
     const std::string path = Scratch().File("refusals.rawh5");
     Rawh5::ReadSource source(path, H5Mode::CreateTruncate);
     auto read = source.AddRead("r");
-    ReadMetadata no_sample = metadataFor("r", 10, 1);
+    ReadMetadata no_sample = kvx_test::MetadataFor("r", 10, 1);
     no_sample["tracking_id"].erase("sample_id");
     EXPECT_EQ(Thrown<std::out_of_range>([&] { read->SetMetadata(no_sample); }), "map::at");
-    ReadMetadata signed_duration = metadataFor("r", 10, 1);
+    ReadMetadata signed_duration = kvx_test::MetadataFor("r", 10, 1);
     signed_duration["raw_data"]["duration"] = 10;
     EXPECT_THROW(read->SetMetadata(signed_duration), boost::bad_any_cast);
-    read->SetMetadata(metadataFor("r", 10, 1));
+    read->SetMetadata(kvx_test::MetadataFor("r", 10, 1));
     EXPECT_EQ(Thrown<std::runtime_error>([&] { read->SetRawData(ramp(9, 0)); }),
               "Raw data has 9 samples but the read's duration is 10.");
     read->SetRawData(ramp(10, 0));
@@ -264,7 +218,7 @@ TEST(Rawh5RoundTrip, AnalysisGroupsAreNumberedFromTheLargestIndex) {
     {
         Rawh5::ReadSource source(path, H5Mode::CreateTruncate);
         auto read = source.AddRead("r");
-        read->SetMetadata(metadataFor("r", 3, 1));
+        read->SetMetadata(kvx_test::MetadataFor("r", 3, 1));
         read->SetRawData(ramp(3, 0));
         EXPECT_EQ(read->CreateAnalysis("Basecall_1D", {})->Name().name, "Basecall_1D_000");
         EXPECT_EQ(read->CreateAnalysis("Basecall_1D", {})->Name().name, "Basecall_1D_001");

@@ -48,15 +48,7 @@ long writeAndReadBack(const std::string& path, int seed) {
         for (int r = 0; r < 3; ++r) {
             auto read = source.AddRead("w" + std::to_string(r));
             const unsigned int n = 3000 + r;
-            read->SetMetadata({{"raw_data",
-                                {{"duration", n}, {"start_time", 0ul}, {"read_number", 1u},
-                                 {"read_id", std::string("w") + std::to_string(r)}, {"start_mux", 1u},
-                                 {"median_before", 200.0}}},
-                               {"channel_id",
-                                {{"digitisation", 8192.0}, {"offset", 0.0}, {"range", 1400.0}, {"sampling_rate", 4000.0}}},
-                               {"tracking_id",
-                                {{"run_id", std::string("run")}, {"flow_cell_id", std::string("fc")},
-                                 {"sample_id", std::string("s")}}}});
+            read->SetMetadata(kvx_test::MetadataFor("w" + std::to_string(r), n, 1));
             std::vector<std::int16_t> samples(n);
             for (unsigned int i = 0; i < n; ++i) samples[i] = std::int16_t((i * (seed + 3)) % 2000);
             read->SetRawData(samples);

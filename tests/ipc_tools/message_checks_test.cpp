@@ -5,20 +5,18 @@
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <zmq.h>
 
+#include "../common/test_support.h"
 #include "ipc_tools/message.h"
 
-using IpcTools::CalledReadMessageData;
-using IpcTools::GeneralMessageData;
-using IpcTools::Message;
-using IpcTools::MessageData;
-using IpcTools::RawReadMessageData;
-using IpcTools::SimpleMessageData;
+using namespace IpcTools;
+using TestSupport::ErrorOf;
 
 namespace {
 using Bytes = std::vector<unsigned char>;
@@ -34,175 +32,120 @@ Bytes generalFrame(std::uint32_t size) { return bytesOf(Message::BuildGeneral(1,
 Bytes rawFrame() { return bytesOf(Message::BuildRawRead(1, "call", "r", 0, 0, 3)); }
 Bytes calledFrame() { return bytesOf(Message::BuildCalledRead(1, "done", "r", 0, 0, 2, 3, true)); }
 
-template <typename F>
-std::string errorOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
-}
-
-// Receives `frame` as a Message. Gives the error text ("" when accepted) and what was left in the
-// source ZeroMQ message.
-struct Received {
-    std::string error;
-    std::size_t left_in_source;
-};
-
-Received receive(const Bytes& frame) {
+// Receives `frame` as a Message: the error text ("<no error>" when accepted) and the bytes left in the source.
+std::pair<std::string, std::size_t> receive(const Bytes& frame) {
     zmq_msg_t source;
     zmq_msg_init_size(&source, frame.size());
     if (!frame.empty()) std::memcpy(zmq_msg_data(&source), frame.data(), frame.size());
-    Received result;
-    result.error = errorOf([&] { Message message(&source); });
-    result.left_in_source = zmq_msg_size(&source);
+    const std::string error = ErrorOf([&] { Message message(&source); });
+    const std::size_t left = zmq_msg_size(&source);
     zmq_msg_close(&source);
-    return result;
+    return {error, left};
 }
 
-std::string receiveError(const Bytes& frame) { return receive(frame).error; }
+const std::string kAccepted = "<no error>";
+const std::string kTooLarge = "Excessively large buffer size of 600000001 indicated. This is probably a garbage value.";
+const std::string kCalledSize = "Incorrect buffer size for called read message data.";
 }  // namespace
 
-TEST(MessageChecks, SmallestValidFrames) {
-    EXPECT_EQ(receiveError(simpleFrame()), "");
-    EXPECT_EQ(receiveError(generalFrame(0)), "");  // type 2 with an empty body
-    EXPECT_EQ(receiveError(rawFrame()), "");
-    EXPECT_EQ(receiveError(calledFrame()), "");
-    EXPECT_EQ(receiveError(bytesOf(Message::BuildCalledRead(0, "", "", 0, 0, 0, 0, false))), "");
-}
-
-TEST(MessageChecks, FramesRefusedBeforeTheyAreTakenOverStayWithTheirOwner) {
-    Bytes frame = simpleFrame();
-    frame.resize(83);
-    Received short_frame = receive(frame);
-    EXPECT_EQ(short_frame.error, "Cannot construct Message from invalid zmq message object.");
-    EXPECT_EQ(short_frame.left_in_source, 83u);
-    EXPECT_EQ(receiveError(Bytes()), "Cannot construct Message from invalid zmq message object.");
-
-    frame = simpleFrame();
-    putU32(frame, 8, 3);
-    Received old_protocol = receive(frame);
-    EXPECT_EQ(old_protocol.error, "Message with protocol version 3 received, but 4 expected.");
-    EXPECT_EQ(old_protocol.left_in_source, 84u);
-}
-
-TEST(MessageChecks, HeaderChecksInTheirOrder) {
-    // Excessive size wins over every other fault, and the body is never touched.
-    Bytes frame = generalFrame(0);
-    putU32(frame, 80, 600000001);
-    putU32(frame, 0, 9);
-    Received huge = receive(frame);
-    EXPECT_EQ(huge.error, "Excessively large buffer size of 600000001 indicated. This is probably a garbage value.");
-    EXPECT_EQ(huge.left_in_source, 0u);  // taken over, then freed
-
-    frame = generalFrame(4);
-    putU32(frame, 76, 84);
-    EXPECT_EQ(receiveError(frame), "Message data buffer is incorrectly initialized.");
-
-    for (std::uint32_t type : {0u, 5u, 0xFFFFFFFFu}) {
-        frame = simpleFrame();
-        putU32(frame, 0, type);
-        frame[75] = 'x';  // also unterminated: the type is reported first
-        EXPECT_EQ(receiveError(frame), "Unrecognized message type specified.") << type;
+// Each frame is received whole; `left` is what stays in the source message (-1: not checked).
+// A frame refused before it is taken over stays with its owner; one taken over is freed.
+TEST(MessageChecks, EveryDamageIsRefusedWithItsMessage) {
+    const struct {
+        const char* name;
+        Bytes frame;
+        std::function<void(Bytes&)> damage;
+        std::string error;
+        long left;
+    } cases[] = {
+        {"simple", simpleFrame(), [](Bytes&) {}, kAccepted, 0},
+        {"general with an empty body", generalFrame(0), [](Bytes&) {}, kAccepted, 0},
+        {"raw read", rawFrame(), [](Bytes&) {}, kAccepted, 0},
+        {"called read", calledFrame(), [](Bytes&) {}, kAccepted, 0},
+        {"empty called read", bytesOf(Message::BuildCalledRead(0, "", "", 0, 0, 0, 0, false)), [](Bytes&) {}, kAccepted, 0},
+        {"short frame", simpleFrame(), [](Bytes& f) { f.resize(83); },
+         "Cannot construct Message from invalid zmq message object.", 83},
+        {"no frame", Bytes(), [](Bytes&) {}, "Cannot construct Message from invalid zmq message object.", -1},
+        {"old protocol", simpleFrame(), [](Bytes& f) { putU32(f, 8, 3); },
+         "Message with protocol version 3 received, but 4 expected.", 84},
+        // Excessive size wins over every other fault, and the body is never touched.
+        {"huge body and bad type", generalFrame(0), [](Bytes& f) { putU32(f, 80, 600000001), putU32(f, 0, 9); },
+         kTooLarge, 0},
+        {"total size disagrees", generalFrame(4), [](Bytes& f) { putU32(f, 76, 84); },
+         "Message data buffer is incorrectly initialized.", -1},
+        // Also unterminated: the type is reported first.
+        {"type 0", simpleFrame(), [](Bytes& f) { putU32(f, 0, 0), f[75] = 'x'; }, "Unrecognized message type specified.", -1},
+        {"type 5", simpleFrame(), [](Bytes& f) { putU32(f, 0, 5), f[75] = 'x'; }, "Unrecognized message type specified.", -1},
+        {"type max", simpleFrame(), [](Bytes& f) { putU32(f, 0, 0xFFFFFFFFu), f[75] = 'x'; },
+         "Unrecognized message type specified.", -1},
+        {"unterminated command", simpleFrame(), [](Bytes& f) { f[75] = 'x'; }, "Command string is not null terminated.", -1},
+        // The frame must hold what its header says, or the views would read past it.
+        {"frame shorter than its header says", generalFrame(16), [](Bytes& f) { f.resize(84); },
+         "Message frame of 84 bytes does not match its indicated total size of 100 bytes.", -1},
+        {"frame longer than its header says", simpleFrame(), [](Bytes& f) { f.push_back(0); },
+         "Message frame of 85 bytes does not match its indicated total size of 84 bytes.", -1},
+        {"simple with a body", simpleFrame(), [](Bytes& f) { f.resize(88), putU32(f, 76, 88), putU32(f, 80, 4); },
+         "DataSize field should be zero for a simple message.", -1},
+        {"raw read too small", generalFrame(143), [](Bytes& f) { putU32(f, 0, 3); },
+         "Not enough size reserved for raw read message type.", -1},
+        {"one sample more", rawFrame(), [](Bytes& f) { putU32(f, 84, 4); },
+         "Incorrect buffer size for raw read message data.", -1},
+        // 4 * num_samples wraps 32 bits to 12: must still be refused.
+        {"sample count wraps", rawFrame(), [](Bytes& f) { putU32(f, 84, 0x40000003); },
+         "Incorrect buffer size for raw read message data.", -1},
+        {"called read too small", generalFrame(183), [](Bytes& f) { putU32(f, 0, 4); },
+         "Not enough size reserved for called read message data.", -1},
+        {"extra array claimed but dropped", calledFrame(), [](Bytes& f) { putU32(f, 264, 0); }, kCalledSize, -1},
+        {"one event more", calledFrame(), [](Bytes& f) { putU32(f, 228, 3); }, kCalledSize, -1},
+        {"one base fewer", calledFrame(), [](Bytes& f) { putU32(f, 232, 2); }, kCalledSize, -1},
+        {"event count wraps", calledFrame(), [](Bytes& f) { putU32(f, 228, 0xFFFFFFFFu); }, kCalledSize, -1},
+        {"any non-zero has_extra counts as set", calledFrame(), [](Bytes& f) { putU32(f, 264, 7); }, kAccepted, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Bytes frame = c.frame;
+        c.damage(frame);
+        const auto [error, left] = receive(frame);
+        EXPECT_EQ(error, c.error);
+        if (c.left >= 0) {
+            EXPECT_EQ(left, static_cast<std::size_t>(c.left));
+        }
     }
-
-    frame = simpleFrame();
-    frame[75] = 'x';
-    EXPECT_EQ(receiveError(frame), "Command string is not null terminated.");
-
-    // The frame must hold what its header says, or the views would read past it.
-    frame = generalFrame(16);
-    frame.resize(84);
-    EXPECT_EQ(receiveError(frame), "Message frame of 84 bytes does not match its indicated total size of 100 bytes.");
-    frame = simpleFrame();
-    frame.push_back(0);
-    EXPECT_EQ(receiveError(frame), "Message frame of 85 bytes does not match its indicated total size of 84 bytes.");
 }
 
-TEST(MessageChecks, HeaderLimitsSeenByTheViews) {
+TEST(MessageChecks, ViewsCheckTheirOwnType) {
     // A bare header claiming 600000000 body bytes: the header checks accept it without reading on.
     Bytes header = generalFrame(0);
     putU32(header, 80, 600000000);
     putU32(header, 76, 600000084);
-    EXPECT_EQ(errorOf([&] { GeneralMessageData view(header.data()); }), "");
+    EXPECT_EQ(ErrorOf([&] { GeneralMessageData view(header.data()); }), kAccepted);
     putU32(header, 80, 600000001);
     putU32(header, 76, 600000085);
-    EXPECT_EQ(errorOf([&] { MessageData::CheckHeader(header.data()); }),
-              "Excessively large buffer size of 600000001 indicated. This is probably a garbage value.");
-
+    EXPECT_EQ(ErrorOf([&] { MessageData::CheckHeader(header.data()); }), kTooLarge);
     Bytes frame = simpleFrame();
     putU32(frame, 8, 5);
-    EXPECT_EQ(errorOf([&] { SimpleMessageData view(frame.data()); }), "Message with protocol 5 received, but 4 expected.");
-}
+    EXPECT_EQ(ErrorOf([&] { SimpleMessageData view(frame.data()); }), "Message with protocol 5 received, but 4 expected.");
 
-TEST(MessageChecks, SimpleAndGeneralViewChecks) {
-    Bytes frame = bytesOf(Message::BuildSimple(1, "ping"));
-    frame.resize(88);
-    putU32(frame, 76, 88);
-    putU32(frame, 80, 4);
-    EXPECT_EQ(receiveError(frame), "DataSize field should be zero for a simple message.");
-
-    Bytes general = generalFrame(200);
-    EXPECT_EQ(errorOf([&] { SimpleMessageData view(general.data()); }),
+    Bytes general = generalFrame(200), simple = simpleFrame();
+    EXPECT_EQ(ErrorOf([&] { SimpleMessageData view(general.data()); }),
               "Message type mismatch in SimpleMessageData constructor.");
-    Bytes simple = simpleFrame();
-    EXPECT_EQ(errorOf([&] { GeneralMessageData view(simple.data()); }),
+    EXPECT_EQ(ErrorOf([&] { GeneralMessageData view(simple.data()); }),
               "Message type mismatch in GeneralMessageData constructor.");
-}
-
-TEST(MessageChecks, RawReadViewChecks) {
-    Bytes frame = generalFrame(143);
-    putU32(frame, 0, 3);
-    EXPECT_EQ(receiveError(frame), "Not enough size reserved for raw read message type.");
-
-    frame = rawFrame();
-    putU32(frame, 84, 4);  // one sample more than the body holds
-    EXPECT_EQ(receiveError(frame), "Incorrect buffer size for raw read message data.");
-    putU32(frame, 84, 0x40000003);  // 4 * num_samples wraps 32 bits to 12: must still be refused
-    EXPECT_EQ(receiveError(frame), "Incorrect buffer size for raw read message data.");
-
-    Bytes general = generalFrame(200);
-    EXPECT_EQ(errorOf([&] { RawReadMessageData view(general.data()); }),
+    EXPECT_EQ(ErrorOf([&] { RawReadMessageData view(general.data()); }),
               "Message type mismatch in RawReadMessageData constructor.");
-}
-
-TEST(MessageChecks, CalledReadViewChecks) {
-    Bytes frame = generalFrame(183);
-    putU32(frame, 0, 4);
-    EXPECT_EQ(receiveError(frame), "Not enough size reserved for called read message data.");
-
-    for (auto damage : {+[](Bytes& f) { putU32(f, 264, 0); },        // extra array claimed but dropped
-                        +[](Bytes& f) { putU32(f, 228, 3); },        // one event more
-                        +[](Bytes& f) { putU32(f, 232, 2); },        // one base fewer
-                        +[](Bytes& f) { putU32(f, 228, 0xFFFFFFFFu); }}) {
-        frame = calledFrame();
-        damage(frame);
-        EXPECT_EQ(receiveError(frame), "Incorrect buffer size for called read message data.");
-    }
-
-    // Any non-zero has_extra counts as set.
-    frame = calledFrame();
-    putU32(frame, 264, 7);
-    EXPECT_EQ(receiveError(frame), "");
-
-    Bytes general = generalFrame(200);
-    EXPECT_EQ(errorOf([&] { CalledReadMessageData view(general.data()); }),
+    EXPECT_EQ(ErrorOf([&] { CalledReadMessageData view(general.data()); }),
               "Message type mismatch in CalledReadMessageData constructor.");
-}
 
-TEST(MessageChecks, TypedAccessorsRefuseOtherTypes) {
-    Message simple = Message::BuildSimple(1, "ping");
+    Message simple_message = Message::BuildSimple(1, "ping");
     Message called = Message::BuildCalledRead(1, "done", "r", 0, 0, 0, 0, false);
     Message empty;
-    EXPECT_EQ(errorOf([&] { called.SimpleData(); }), "Type mismatch in SimpleMessageData constructor.");
-    EXPECT_EQ(errorOf([&] { simple.GeneralData(); }), "Type mismatch in GeneralMessageData constructor.");
-    EXPECT_EQ(errorOf([&] { simple.RawReadData(); }), "Type mismatch in RawReadMessageData constructor.");
-    EXPECT_EQ(errorOf([&] { simple.CalledReadData(); }), "Type mismatch in CalledReadMessageData constructor.");
-    EXPECT_EQ(errorOf([&] { empty.CalledReadData(); }), "Type mismatch in CalledReadMessageData constructor.");
-    EXPECT_EQ(errorOf([&] { empty.HeaderData(); }), "Cannot read the header of an empty message.");
-    EXPECT_EQ(errorOf([&] { called.CalledReadData(); }), "");
+    EXPECT_EQ(ErrorOf([&] { called.SimpleData(); }), "Type mismatch in SimpleMessageData constructor.");
+    EXPECT_EQ(ErrorOf([&] { simple_message.GeneralData(); }), "Type mismatch in GeneralMessageData constructor.");
+    EXPECT_EQ(ErrorOf([&] { simple_message.RawReadData(); }), "Type mismatch in RawReadMessageData constructor.");
+    EXPECT_EQ(ErrorOf([&] { simple_message.CalledReadData(); }), "Type mismatch in CalledReadMessageData constructor.");
+    EXPECT_EQ(ErrorOf([&] { empty.CalledReadData(); }), "Type mismatch in CalledReadMessageData constructor.");
+    EXPECT_EQ(ErrorOf([&] { empty.HeaderData(); }), "Cannot read the header of an empty message.");
+    EXPECT_EQ(ErrorOf([&] { called.CalledReadData(); }), kAccepted);
 }
 
 TEST(MessageChecks, UnterminatedTextsAreReadOnlyWithinTheirFields) {

@@ -10,12 +10,14 @@
 
 #include <zmq.h>
 
+#include "../common/test_support.h"
 #include "ipc_tools/message.h"
 
 using IpcTools::CalledReadMessageData;
 using IpcTools::GeneralMessageData;
 using IpcTools::Message;
 using IpcTools::RawReadMessageData;
+using TestSupport::ErrorOf;
 
 namespace {
 std::uint32_t u32At(const unsigned char* frame, std::size_t offset) {
@@ -36,16 +38,6 @@ bool allZero(const unsigned char* frame, std::size_t from, std::size_t to) {
 
 std::string textAt(const unsigned char* frame, std::size_t offset) {
     return std::string(reinterpret_cast<const char*>(frame + offset));
-}
-
-template <typename F>
-std::string errorOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
 }
 
 // Sends a message into a ZeroMQ message and receives it back, as a server would see it.
@@ -190,25 +182,25 @@ TEST(MessageLayout, CommandAndReadIdLengthLimits) {
     EXPECT_EQ(Message::BuildCalledRead(0, command63, id127, 0, 0, 0, 0, false).CalledReadData().ReadId(), id127);
 
     const std::string command_error = "Command string maximum length is 63 characters.";
-    EXPECT_EQ(errorOf([&] { Message::BuildSimple(0, command64); }), command_error);
-    EXPECT_EQ(errorOf([&] { Message::BuildGeneral(0, command64, 1); }), command_error);
-    EXPECT_EQ(errorOf([&] { Message::BuildRawRead(0, command64, "r", 0, 0, 1); }), command_error);
-    EXPECT_EQ(errorOf([&] { Message::BuildCalledRead(0, command64, "r", 0, 0, 1, 1, false); }), command_error);
+    EXPECT_EQ(ErrorOf([&] { Message::BuildSimple(0, command64); }), command_error);
+    EXPECT_EQ(ErrorOf([&] { Message::BuildGeneral(0, command64, 1); }), command_error);
+    EXPECT_EQ(ErrorOf([&] { Message::BuildRawRead(0, command64, "r", 0, 0, 1); }), command_error);
+    EXPECT_EQ(ErrorOf([&] { Message::BuildCalledRead(0, command64, "r", 0, 0, 1, 1, false); }), command_error);
 
     const std::string id_error = "Read id string maximum length is 127 characters.";
-    EXPECT_EQ(errorOf([&] { Message::BuildRawRead(0, "c", id128, 0, 0, 1); }), id_error);
-    EXPECT_EQ(errorOf([&] { Message::BuildCalledRead(0, "c", id128, 0, 0, 1, 1, true); }), id_error);
+    EXPECT_EQ(ErrorOf([&] { Message::BuildRawRead(0, "c", id128, 0, 0, 1); }), id_error);
+    EXPECT_EQ(ErrorOf([&] { Message::BuildCalledRead(0, "c", id128, 0, 0, 1, 1, true); }), id_error);
 }
 
 TEST(MessageLayout, BuildersRefuseBodiesAboveTheLimit) {
-    EXPECT_EQ(errorOf([] { Message::BuildGeneral(0, "big", 600000001); }),
+    EXPECT_EQ(ErrorOf([] { Message::BuildGeneral(0, "big", 600000001); }),
               "Excessively large buffer size of 600000001 indicated. This is probably a garbage value.");
     // 144 + 4 * 149999965 = 600000004: the 64-bit size is reported, not a wrapped one.
-    EXPECT_EQ(errorOf([] { Message::BuildRawRead(0, "big", "r", 0, 0, 149999965); }),
+    EXPECT_EQ(ErrorOf([] { Message::BuildRawRead(0, "big", "r", 0, 0, 149999965); }),
               "Excessively large buffer size of 600000004 indicated. This is probably a garbage value.");
-    EXPECT_EQ(errorOf([] { Message::BuildRawRead(0, "big", "r", 0, 0, 0xFFFFFFFFu); }),
+    EXPECT_EQ(ErrorOf([] { Message::BuildRawRead(0, "big", "r", 0, 0, 0xFFFFFFFFu); }),
               "Excessively large buffer size of 17179869324 indicated. This is probably a garbage value.");
-    EXPECT_EQ(errorOf([] { Message::BuildCalledRead(0, "big", "r", 0, 0, 0xFFFFFFFFu, 0, true); }),
+    EXPECT_EQ(ErrorOf([] { Message::BuildCalledRead(0, "big", "r", 0, 0, 0xFFFFFFFFu, 0, true); }),
               "Excessively large buffer size of 73014444201 indicated. This is probably a garbage value.");
 }
 
@@ -244,6 +236,6 @@ TEST(MessageLayout, FramesSurviveTheTripThroughZmq) {
     Message nothing;
     zmq_msg_t frame;
     zmq_msg_init(&frame);
-    EXPECT_EQ(errorOf([&] { nothing.Send(&frame); }), "Cannot send an empty message.");
+    EXPECT_EQ(ErrorOf([&] { nothing.Send(&frame); }), "Cannot send an empty message.");
     zmq_msg_close(&frame);
 }

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include <curl/curl.h>
 #include <rapidjson/document.h>
 
 #include "telemetry/json_text.h"
@@ -82,7 +81,7 @@ int ClosedPort() {
 
 }  // namespace
 
-TEST_F(PingTest, EachDocumentOfTheFileIsPostedWithItsHeaders) {
+TEST_F(PingTest, EachDocumentOfTheFileIsPostedWithItsHeadersUnlessDisabled) {
     PingServer server(dir.path, false);
     const std::string url = server.Url("http", "/telemetry/ping");
     auto params = MakeParams({"--ping_url", url});
@@ -102,6 +101,15 @@ TEST_F(PingTest, EachDocumentOfTheFileIsPostedWithItsHeaders) {
         EXPECT_NE(records[i].Header("Accept-Encoding"), "");  // every encoding the library knows
         EXPECT_EQ(records[i].body, documents[i]) << "ping " << i;
     }
+
+    // With pings disabled the file is still written, and nothing is sent.
+    TempDir quiet;
+    auto disabled = MakeParams({"--ping_url", url, "--disable_pings"});
+    TelemetryAggregator silent("4.5.6", *disabled, quiet.Str(), true);
+    Feed(silent);
+    EXPECT_EQ(FinishCapturingStderr(silent), "");
+    EXPECT_EQ(FileDocuments(silent).size(), 4u);
+    EXPECT_EQ(server.Records().size(), records.size());
 }
 
 TEST_F(PingTest, RedirectsAreFollowedAndErrorStatusesIgnored) {
@@ -166,21 +174,7 @@ TEST_F(PingTest, NothingListeningGivesOneLineAndTheFileStays) {
     TelemetryAggregator telemetry("v", *params, dir.Str(), true);
     Feed(telemetry);
     const std::string error = FinishCapturingStderr(telemetry);
-    const std::string prefix = "Failed to send ping to " + url + ": ";
-    const std::string suffix = std::string(": ") + curl_easy_strerror(CURLE_COULDNT_CONNECT) + "\n";
-    EXPECT_EQ(error.rfind(prefix, 0), 0u) << error;
-    ASSERT_GE(error.size(), suffix.size());
-    EXPECT_EQ(error.substr(error.size() - suffix.size()), suffix) << error;
+    EXPECT_EQ(error.rfind("Failed to send ping to " + url + ": ", 0), 0u) << error;
     EXPECT_EQ(std::count(error.begin(), error.end(), '\n'), 1) << error;
     EXPECT_EQ(FileDocuments(telemetry).size(), 4u);
-}
-
-TEST_F(PingTest, DisabledPingsStillWriteTheFile) {
-    PingServer server(dir.path, false);
-    auto params = MakeParams({"--ping_url", server.Url("http", "/"), "--disable_pings"});
-    TelemetryAggregator telemetry("v", *params, dir.Str(), true);
-    Feed(telemetry);
-    EXPECT_EQ(FinishCapturingStderr(telemetry), "");
-    EXPECT_EQ(FileDocuments(telemetry).size(), 4u);
-    EXPECT_TRUE(server.Records().empty());
 }

@@ -5,13 +5,10 @@
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
-#include <curl/curl.h>
 #include <rapidjson/document.h>
 
-#include "telemetry/curl_easy_category.h"
 #include "telemetry/json_text.h"
 #include "telemetry/segment_stats.h"
 #include "telemetry/telemetry_aggregator.h"
@@ -80,47 +77,42 @@ const std::string kTimeStamp = "dddd-dd-ddTdd:dd:ddZ";
 }  // namespace
 
 TEST(TelemetrySegments, BoundariesOpenTheNextSegment) {
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(0.0, 60), 1);
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(59.999, 1), 1);
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(60.0, 1), 2);
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(119.999, 2), 1);
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(120.0, 2), 2);
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(3599.99, 60), 1);
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(3600.0, 60), 2);
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(7 * 3600.0 + 1, 60), 8);
-    // Absurd times still land somewhere defined.
-    EXPECT_EQ(TelemetryAggregator::SegmentNumber(std::numeric_limits<double>::quiet_NaN(), 1), 1);
+    const struct {
+        double seconds;
+        std::uint64_t minutes;
+        int segment;
+    } cases[] = {{0.0, 60, 1},     {59.999, 1, 1},  {60.0, 1, 2},     {119.999, 2, 1},
+                 {120.0, 2, 2},    {3599.99, 60, 1}, {3600.0, 60, 2}, {7 * 3600.0 + 1, 60, 8},
+                 // Absurd times still land somewhere defined.
+                 {std::numeric_limits<double>::quiet_NaN(), 1, 1}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(TelemetryAggregator::SegmentNumber(c.seconds, c.minutes), c.segment) << c.seconds << " s";
+    }
     EXPECT_GT(TelemetryAggregator::SegmentNumber(std::numeric_limits<double>::infinity(), 1), 1);
 }
 
 TEST(TelemetryHistogram, BinsAtTheirBoundaries) {
+    constexpr float kInf = std::numeric_limits<float>::infinity();
     Histogram qscore(0.0f, 100.0f, 0.5f, "mean_qscore");
-    EXPECT_EQ(qscore.BinStart(7.5f), 7.5f);
-    EXPECT_EQ(qscore.BinStart(7.4999f), 7.0f);
-    EXPECT_EQ(qscore.BinStart(0.0f), 0.0f);
-    EXPECT_EQ(qscore.BinStart(-3.0f), 0.0f);
-    EXPECT_EQ(qscore.BinStart(99.99f), 99.5f);
-    EXPECT_EQ(qscore.BinStart(100.0f), 100.0f);  // the range divides evenly: max is a bin of its own
-    EXPECT_EQ(qscore.BinStart(250.0f), 100.0f);
-    EXPECT_EQ(qscore.BinStart(std::numeric_limits<float>::infinity()), 100.0f);
-    EXPECT_EQ(qscore.BinStart(-std::numeric_limits<float>::infinity()), 0.0f);
-    EXPECT_EQ(qscore.BinStart(std::numeric_limits<float>::quiet_NaN()), 0.0f);
-
     Histogram speed(1.0f, 1999.0f, 2.0f, "speed");
-    EXPECT_EQ(speed.BinStart(0.0f), 1.0f);
-    EXPECT_EQ(speed.BinStart(2.9f), 1.0f);
-    EXPECT_EQ(speed.BinStart(3.0f), 3.0f);
-    EXPECT_EQ(speed.BinStart(5000.0f), 1999.0f);
-
     Histogram ratio(0.0f, 5.0f, 0.1f, "ratio");
-    EXPECT_FLOAT_EQ(ratio.BinStart(0.25f), 0.2f);
-    EXPECT_FLOAT_EQ(ratio.BinStart(5.0f), 5.0f);
-    EXPECT_FLOAT_EQ(ratio.BinStart(9.0f), 5.0f);
-
     Histogram gap(0.0f, 5.0f, 0.05f, "length");
-    EXPECT_FLOAT_EQ(gap.BinStart(0.07f), 0.05f);
-    EXPECT_FLOAT_EQ(gap.BinStart(-0.3f), 0.0f);  // overlapping reads
-    EXPECT_FLOAT_EQ(gap.BinStart(12.0f), 5.0f);
+    const struct {
+        const Histogram& histogram;
+        float value, bin;
+    } cases[] = {
+        {qscore, 7.5f, 7.5f}, {qscore, 7.4999f, 7.0f}, {qscore, 0.0f, 0.0f}, {qscore, -3.0f, 0.0f},
+        {qscore, 99.99f, 99.5f},
+        {qscore, 100.0f, 100.0f},  // the range divides evenly: max is a bin of its own
+        {qscore, 250.0f, 100.0f}, {qscore, kInf, 100.0f}, {qscore, -kInf, 0.0f},
+        {qscore, std::numeric_limits<float>::quiet_NaN(), 0.0f},
+        {speed, 0.0f, 1.0f}, {speed, 2.9f, 1.0f}, {speed, 3.0f, 3.0f}, {speed, 5000.0f, 1999.0f},
+        {ratio, 0.25f, 0.2f}, {ratio, 5.0f, 5.0f}, {ratio, 9.0f, 5.0f},
+        {gap, 0.07f, 0.05f}, {gap, -0.3f, 0.0f} /* overlapping reads */, {gap, 12.0f, 5.0f},
+    };
+    for (const auto& c : cases) {
+        EXPECT_FLOAT_EQ(c.histogram.BinStart(c.value), c.bin) << c.value;
+    }
 
     // Filled bins only, ascending, the histogram's name as the key of the bin start.
     for (float q : {12.25f, 7.5f, 7.9f, 250.0f, 100.0f}) {
@@ -381,24 +373,4 @@ TEST(TelemetryAggregatorTest, UnwritableSavePathGivesOneLine) {
     EXPECT_NO_THROW(telemetry.Finish());
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Could not open telemetry file '" + missing + "/sequencing_telemetry.js' for writing.\n");
-}
-
-TEST(TelemetryTransport, CurlErrorsCarryTheirCategoryAndText) {
-    const auto& category = CurlEasyCategory::Instance();
-    EXPECT_STREQ(category.name(), "cURL (easy)");
-    EXPECT_EQ(category.message(CURLE_COULDNT_CONNECT), curl_easy_strerror(CURLE_COULDNT_CONNECT));
-
-    TempDir dir;
-    auto params = MakeParams({});
-    TelemetryAggregator telemetry("v", *params, dir.Str(), true);
-    EXPECT_NO_THROW(telemetry.CheckCurl(CURLE_OK));
-    try {
-        telemetry.CheckCurl(CURLE_COULDNT_RESOLVE_HOST);
-        FAIL() << "no exception";
-    } catch (const std::system_error& e) {
-        EXPECT_EQ(e.code().value(), CURLE_COULDNT_RESOLVE_HOST);
-        EXPECT_EQ(&e.code().category(), &category);
-        // The handle's error text is empty here; the library's message follows ": ".
-        EXPECT_EQ(std::string(e.what()), std::string(": ") + curl_easy_strerror(CURLE_COULDNT_RESOLVE_HOST));
-    }
 }

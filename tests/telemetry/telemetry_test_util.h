@@ -23,6 +23,7 @@
 #include <boost/filesystem.hpp>
 #include <rapidjson/document.h>
 
+#include "../common/test_support.h"
 #include "common/parameters.h"
 #include "data_api/attribute_map.h"
 
@@ -30,15 +31,8 @@ namespace telemetry_test {
 
 namespace fs = boost::filesystem;
 
-class TempDir {
-public:
-    TempDir() : path(fs::temp_directory_path() / fs::unique_path("kvx-telemetry-%%%%-%%%%")) {
-        fs::create_directories(path);
-    }
-    ~TempDir() { fs::remove_all(path); }
-    std::string Str() const { return path.string(); }
-    fs::path path;
-};
+using TestSupport::ReadText;
+using TestSupport::TempDir;
 
 // The options the telemetry reads, plus a few of each kind for the "opts" object.
 class TestParams : public Common::Parameters {
@@ -117,13 +111,6 @@ inline DataAPI::ReadMetadata Metadata(const std::string& run_id, const std::stri
     };
     metadata["raw_data"] = {{"median_before", 220.5}};
     return metadata;
-}
-
-inline std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 inline std::vector<std::string> MemberNames(const rapidjson::Value& object) {

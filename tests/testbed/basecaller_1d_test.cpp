@@ -10,6 +10,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include "../data_api/test_files.h"
 #include "async_caller/file_data_handler_md.h"
 #include "async_caller/prior_aligner.h"
 #include "common/kmer_table.h"
@@ -26,26 +27,14 @@
 #include "single_strand_run.h"
 #include "stored_call.h"
 #include "strand_segmenter.h"
+#include "testbed_util.h"
 
 using namespace TestBed;
 namespace fs = boost::filesystem;
 
 namespace {
 
-struct TempDir {
-    fs::path path = fs::temp_directory_path() / fs::unique_path("kvx_1d_%%%%-%%%%-%%%%");
-    TempDir() { fs::create_directories(path); }
-    ~TempDir() {
-        boost::system::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
-};
-
-PoreLevels ShippedLevels() {
-    Common::KmerTable table;
-    table.Read(std::string(KVX_SOURCE_DIR) + "/data/pore_model_6mer.txt", 6);
-    return {table.level_mean, table.level_stdv};
-}
+using TestSupport::TempDir;
 
 // A small raw transducer model in the file format the loader reads: the shipped model's convolution
 // shape (window 11, stride 3) and a softmax over 1024 5-mers and the stay column, with seeded random
@@ -126,12 +115,7 @@ SingleStrandOptions RunOptions(const std::string& input, const std::string& save
     return o;
 }
 
-std::string Slurp(const fs::path& path) {
-    std::ifstream in(path.string());
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+std::string Slurp(const fs::path& path) { return TestSupport::ReadText(path.string()); }
 
 int LabelOf(const std::string& bases) {
     int label = 0;
@@ -264,14 +248,7 @@ TEST(SingleStrandRun, AnnotatesEveryReadForThePairRun) {
 
     // Pairing over this index finds exactly the true pairs.
     const auto found = Marlo::FindReadPairs((save / SingleStrandRun::kIndexName).string(), data.Reads(), false, nullptr);
-    std::set<std::pair<std::string, std::string>> truth, got;
-    for (const auto& p : data.pairs) {
-        truth.insert({p.read_id1, p.read_id2});
-    }
-    for (const auto& p : found) {
-        got.insert({p.read_id1, p.read_id2});
-    }
-    EXPECT_EQ(got, truth);
+    EXPECT_EQ(IdPairs(found), IdPairs(data.pairs));
 
     // In every read: the stored moves and FASTQ agree (k = L + 1 - sum of moves), the blocks cover the
     // strand, and the pair run's loader turns them into the labels of the called 3-mers.
@@ -350,18 +327,7 @@ TEST(SingleStrandRun, ListsFailedReadsAndGoesOn) {
         r.read_id = "short-read";
         r.raw.resize(r.strand_start - 150);  // open pore and part of the leader only
         auto read = source.AddRead(r.read_id);
-        DataAPI::ReadMetadata m;
-        m["raw_data"] = DataAPI::AttributeMap{{"duration", static_cast<unsigned int>(r.raw.size())},
-                                              {"read_number", 1u},
-                                              {"start_time", 0ul},
-                                              {"read_id", r.read_id},
-                                              {"start_mux", 1u},
-                                              {"median_before", 215.0}};
-        m["channel_id"] = DataAPI::AttributeMap{{"digitisation", 8192.0}, {"offset", 12.0}, {"range", 1402.0},
-                                                {"sampling_rate", 4000.0}, {"channel_number", std::string("7")}};
-        m["tracking_id"] = DataAPI::AttributeMap{
-            {"run_id", std::string("r")}, {"flow_cell_id", std::string("f")}, {"sample_id", std::string("s")}};
-        read->SetMetadata(m);
+        read->SetMetadata(kvx_test::MetadataFor(r.read_id, static_cast<unsigned int>(r.raw.size()), 1));
         read->SetRawData(r.raw);
         source.Close();
     }

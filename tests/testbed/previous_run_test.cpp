@@ -2,12 +2,12 @@
 
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <boost/filesystem.hpp>
 
+#include "../common/test_support.h"
 #include "previous_run.h"
 #include "read_annotator.h"
 
@@ -16,30 +16,15 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-std::string Slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
+std::string Slurp(const std::string& path) { return TestSupport::ReadText(path); }
 void Spit(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
-struct TempDir {
-    fs::path path = fs::temp_directory_path() / fs::unique_path("kvx_resume_%%%%-%%%%");
-    TempDir() { fs::create_directories(path); }
-    ~TempDir() {
-        boost::system::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
-};
 
 }  // namespace
 
 // Whatever a stop leaves (index and FASTQ cut at any byte, a row missing in the middle), the repair
 // keeps exactly the reads with a whole row and a whole record, in their order, and nothing else.
 TEST(PreviousRun, KeepsExactlyTheReadsWithRowAndRecord) {
-    const TempDir temp;
+    const TestSupport::TempDir temp;
     const fs::path& dir = temp.path;
     const std::string index = (dir / "index.tsv").string(), fastq = (dir / "calls.fastq").string(),
                       failed = (dir / "failed.tsv").string();

@@ -20,16 +20,11 @@
 #include "pair_list.h"
 #include "read_simulator.h"
 #include "simulation_writer.h"
+#include "testbed_util.h"
 
 using namespace TestBed;
 
 namespace {
-PoreLevels ShippedLevels() {
-    Common::KmerTable table;
-    table.Read(std::string(KVX_SOURCE_DIR) + "/data/pore_model_6mer.txt", 6);
-    return {table.level_mean, table.level_stdv};
-}
-
 SimulatorOptions SmallOptions(std::uint64_t seed) {
     SimulatorOptions o;
     o.seed = seed;
@@ -110,8 +105,8 @@ TEST(ReadSimulator, SignalFollowsThePoreModelAndTheTruth) {
 }
 
 TEST(ReadSimulator, WrittenFilesReadBackAndPairAsTheTruthSays) {
-    const auto dir = boost::filesystem::path(testing::TempDir()) / "kvx_sim_test";
-    boost::filesystem::remove_all(dir);
+    const TestSupport::TempDir temp;
+    const auto& dir = temp.path;
     DigitiserSettings dig;
     dig.offset = 40.0;  // not the defaults, so that the files are seen to carry the simulator's own
     dig.range = 1800.0;
@@ -150,20 +145,12 @@ TEST(ReadSimulator, WrittenFilesReadBackAndPairAsTheTruthSays) {
     // The pairing rule over the reference index finds exactly the true pairs.
     const auto found = Marlo::FindReadPairs((dir / "reference_index.tsv").string(), (dir / "reads").string(), false,
                                             nullptr);
-    std::set<std::pair<std::string, std::string>> truth, got;
-    for (const auto& p : pairs) {
-        truth.insert({p.read_id1, p.read_id2});
-    }
-    for (const auto& p : found) {
-        got.insert({p.read_id1, p.read_id2});
-    }
-    EXPECT_EQ(got, truth);
+    EXPECT_EQ(IdPairs(found), IdPairs(pairs));
 
     // An ordinary HDF5 consumer sees the attribute kinds the reader requires.
     const std::string script = std::string(KVX_SOURCE_DIR) + "/tests/testbed/check_simulated_files.py";
     const std::string cmd = "/usr/bin/python3 " + script + " " + (dir / "reads").string();
     EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
-    boost::filesystem::remove_all(dir);
 }
 
 namespace {
