@@ -164,8 +164,9 @@ std::int32_t FastAlign::Align(const Sequence& firstSeq, const Sequence& secondSe
         const bool last = d == total;
         fillEdgeCell(d, 0, iHi, jLo, true, last, n, m, first, second);
         if (!last) {
-            // On a one-cell anti-diagonal this visit overwrites the first-cell result.
-            fillEdgeCell(d, length - 1, iLo, jHi, false, true, n, m, first, second);
+            // On a one-cell anti-diagonal this visit overwrites the first-cell result, so the cell
+            // must keep the first cell's rule too (with a band of 1 every anti-diagonal is one cell).
+            fillEdgeCell(d, length - 1, iLo, jHi, length == 1, true, n, m, first, second);
         }
         if (length >= 3) {
             // Take the scattered score-matrix reads out of the vector loop.

@@ -148,7 +148,7 @@ TEST(FastAlign, MatchesBandedFullMatrixReference) {
     std::mt19937 rng(20240611);
     const auto kernels = availableKernels();
     ASSERT_GE(kernels.size(), 2u);
-    const std::vector<int> bands = {1001, 1001, 3, 4, 9, 31, 64, 101};
+    const std::vector<int> bands = {1001, 1001, 1, 3, 4, 9, 31, 64, 101};
     for (int scoring = 0; scoring < 40; ++scoring) {
         const int alphabet = scoring % 4 == 3 ? 64 : 2 + scoring % 3;
         Problem p = randomScoring(rng, alphabet);
