@@ -8,18 +8,9 @@
 #include <string>
 #include <thread>
 
-namespace TestSupport {
+#include "../common/test_support.h"
 
-// The text of what `f` throws, or "<no exception>".
-template <typename F>
-std::string ErrorOf(F&& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
+namespace TestSupport {
 
 // The whole of a file, byte for byte; `path` is a std:: or boost:: path.
 template <typename Path>
@@ -46,7 +37,7 @@ bool Eventually(Done done, int seconds = 10) {
 template <typename F>
 std::string AwaitError(F&& f, int seconds = 10) {
     std::string text;
-    Eventually([&] { return (text = ErrorOf(f)) != "<no exception>"; }, seconds);
+    Eventually([&] { return (text = ErrorOf(f, "<no exception>")) != "<no exception>"; }, seconds);
     return text;
 }
 

@@ -11,6 +11,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -21,17 +22,14 @@
 #include "common/allocator.h"
 #include "common/views.h"
 
+#include "../common/test_support.h"
+
 namespace nn_test {
 
-// The message of the runtime_error that f throws.
+// The message of what f throws, in the text these tests expect when it throws nothing.
 template <typename F>
 std::string ErrorOf(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(no exception)";
+    return TestSupport::ErrorOf(std::forward<F>(f), "(no exception)");
 }
 
 // A float matrix with rows padded as the runtime pads them (width 1 stays unpadded).

@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -41,15 +42,15 @@ inline std::string ReadText(const std::string& file) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// The what() text of the std::runtime_error that f throws, or "<no error>".
+// The what() text of the exception that f throws, or `none` when it throws nothing.
 template <typename F>
-std::string ErrorOf(F&& f) {
+std::string ErrorOf(F&& f, const std::string& none = "<no error>") {
     try {
         f();
-    } catch (const std::runtime_error& e) {
+    } catch (const std::exception& e) {
         return e.what();
     }
-    return "<no error>";
+    return none;
 }
 
 }  // namespace TestSupport
