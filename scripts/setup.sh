@@ -15,7 +15,7 @@ PACKAGES=(
   rapidjson-dev
   zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  python3-numpy python3-h5py python3-matplotlib
+  python3-numpy python3-h5py python3-matplotlib python3-edlib
   openssl
   libedlib-dev seqkit
   libminimap2-dev
