@@ -2,15 +2,7 @@
 // Stand-ins for the network-driven chunk callers, for testing the buffering and the threads above
 // them without a model.
 
-#include <atomic>
-#include <chrono>
-#include <thread>
-#include <cmath>
-#include <deque>
-#include <mutex>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include "test_util.h"
 
 #include "async_caller/chunk_caller.h"
 #include "async_caller/chunk_caller_pool.h"
@@ -33,105 +25,75 @@ inline void fakeCall(AsyncCaller::ChunkDataMD& c) {
     c.kmerLength = 5;
 }
 
-// A synchronous engine of `capacity` runners: a submitted chunk is called when it is collected.
+// A synchronous engine of `capacity` runners: a submitted chunk is called when it is collected. The
+// flags script its faults: chunks held back, collection throwing, the last chunk handed back twice,
+// a read's chunks handed back last first.
 class FakeEngine : public AsyncCaller::ChunkCallerMD {
 public:
     explicit FakeEngine(std::size_t capacity_ = 2) : capacity(capacity_) {}
 
-    bool HasFreeRunner() override {
+    template <typename F>
+    auto locked(F f) {
         std::lock_guard<std::mutex> lock(mutex);
-        return !paused && queue.size() < capacity;
+        return f();
     }
-    bool IsWorking() override {
-        std::lock_guard<std::mutex> lock(mutex);
-        return !queue.empty();
-    }
+
+    bool HasFreeRunner() override { return locked([&] { return !paused && queue.size() < capacity; }); }
+    bool IsWorking() override { return locked([&] { return !queue.empty(); }); }
     void SubmitChunk(AsyncCaller::ChunkData* chunk) override {
         std::lock_guard<std::mutex> lock(mutex);
-        if (queue.size() >= capacity) {
-            throw std::runtime_error("fake engine is full");
-        }
+        if (queue.size() >= capacity) throw std::runtime_error("fake engine is full");
         queue.push_back(chunk);
-        submitted.push_back(chunk);
-        submittedPriorities.push_back(chunk->priority);
+        priorities.push_back(chunk->priority);
     }
     AsyncCaller::ChunkData* GetCompletedChunk(bool) override {
         std::lock_guard<std::mutex> lock(mutex);
-        if (throwOnCollect) {
-            throw std::runtime_error("injected engine failure");
+        if (throwOnCollect) throw std::runtime_error("injected engine failure");
+        AsyncCaller::ChunkData* chunk = repeatLast ? std::exchange(last, nullptr) : nullptr;
+        if (chunk != nullptr || queue.empty() || (reverse && queue.size() < queue.back()->chunk_count)) {
+            return chunk;
         }
-        if (repeatLast && last != nullptr) {
-            AsyncCaller::ChunkData* again = last;
-            last = nullptr;
-            return again;
-        }
-        if (queue.empty()) {
-            return nullptr;
-        }
-        AsyncCaller::ChunkData* chunk = reverse ? queue.back() : queue.front();
-        if (reverse) {
-            // Only once the whole read is in: hand its chunks back last first.
-            if (queue.size() < chunk->chunk_count) {
-                return nullptr;
-            }
-            queue.pop_back();
-        } else {
-            queue.pop_front();
-        }
-        if (chunk->dimension == 1) {
-            fakeCall(static_cast<AsyncCaller::ChunkDataMD&>(*chunk));
-        }
-        last = chunk;
-        return chunk;
+        chunk = reverse ? queue.back() : queue.front();
+        reverse ? queue.pop_back() : queue.pop_front();
+        if (chunk->dimension == 1) fakeCall(static_cast<AsyncCaller::ChunkDataMD&>(*chunk));
+        return last = chunk;
     }
     void SetEventDetection(std::uint64_t, std::uint64_t, float, float, float) override { eventDetectionSet = true; }
-
-    std::vector<int> Priorities() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return submittedPriorities;
-    }
-    std::size_t Submitted() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return submitted.size();
-    }
 
     std::mutex mutex;
     std::size_t capacity;
     std::deque<AsyncCaller::ChunkData*> queue;
-    std::vector<AsyncCaller::ChunkData*> submitted;
-    std::vector<int> submittedPriorities;
+    std::vector<int> priorities;  // of the chunks submitted, in order
     AsyncCaller::ChunkData* last = nullptr;
-    bool paused = false;
-    bool throwOnCollect = false;
-    bool repeatLast = false;
-    bool reverse = false;
-    bool eventDetectionSet = false;
+    bool paused = false, throwOnCollect = false, repeatLast = false, reverse = false, eventDetectionSet = false;
 };
 
 // The processor callers' worker machinery with a fake computation: real threads, real ordering and
-// real failure handling. Chunk number `failAt` (in submission order over the caller's life) throws.
+// real failure handling. Chunk number `failAt` (in submission order over the caller's life) throws;
+// while `hold` is set, a chunk of index 0 waits.
 class ThreadedFakeCaller : public AsyncCaller::ChunkCallerPool<AsyncCaller::ChunkCallerMD> {
 public:
     explicit ThreadedFakeCaller(std::uint64_t threads, long failAt_ = -1, int delayMs_ = 0)
         : ChunkCallerPool("ChunkCallerMDCpu", threads), failAt(failAt_), delayMs(delayMs_) {
         startWorkers();
     }
-    ~ThreadedFakeCaller() override { stopWorkers(); }
-
+    ~ThreadedFakeCaller() override {
+        hold = false;  // a failed check must not leave a worker held
+        stopWorkers();
+    }
     void SetEventDetection(std::uint64_t, std::uint64_t, float, float, float) override {}
 
-    std::atomic<long> calls{0};
+    std::atomic<long> calls{0}, done{0};
+    std::atomic<bool> hold{false};
 
 protected:
     void processChunk(AsyncCaller::ChunkData& chunk, int) override {
         const long n = calls++;
-        if (n == failAt) {
-            throw std::runtime_error("injected chunk failure");
-        }
-        if (delayMs > 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
-        }
+        while (chunk.chunk_index == 0 && hold) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (n == failAt) throw std::runtime_error("injected chunk failure");
+        if (delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
         fakeCall(static_cast<AsyncCaller::ChunkDataMD&>(chunk));
+        ++done;
     }
 
 private:

@@ -3,10 +3,7 @@
 // few features and a softmax over 4^k k-mer states plus the stay column. Random weights: the calls
 // mean nothing, but they run the whole way.
 
-#include <fstream>
-#include <random>
-#include <sstream>
-#include <string>
+#include "test_util.h"
 
 #include "read_files.h"
 

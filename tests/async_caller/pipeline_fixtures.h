@@ -1,9 +1,7 @@
 #pragma once
 // Pair holders over synthetic signal, for the buffering and threading tests.
 
-#include <cstdint>
-#include <memory>
-#include <string>
+#include "test_util.h"
 
 #include "async_caller/read_holder_md.h"
 

@@ -2,15 +2,9 @@
 // Small read files for the loading tests, written with the storage layer's write half, and a scratch
 // directory that goes away with the test program.
 
-#include <stdlib.h>
+#include "test_util.h"
 
-#include <cstdint>
 #include <filesystem>
-#include <memory>
-#include <random>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "data_api/analysis_data.h"
 #include "data_api/data_table.h"
@@ -21,22 +15,16 @@
 
 namespace TestSupport {
 
-class ScratchDir {
-public:
+struct ScratchDir {
+    std::string path = (std::filesystem::temp_directory_path() / "kvx_async_caller_XXXXXX").string();
     ScratchDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kvx_async_caller_XXXXXX").string();
-        if (mkdtemp(&pattern[0]) == nullptr) {
-            throw std::runtime_error("cannot make a scratch directory");
-        }
-        path = pattern;
+        if (mkdtemp(&path[0]) == nullptr) throw std::runtime_error("cannot make a scratch directory");
     }
     ~ScratchDir() {
         std::error_code ignored;
         std::filesystem::remove_all(path, ignored);
     }
     std::string File(const std::string& name) const { return path + "/" + name; }
-
-    std::string path;
 };
 
 inline ScratchDir& Scratch() {

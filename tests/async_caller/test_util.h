@@ -1,12 +1,33 @@
 #pragma once
-// Small helpers shared by the pipeline tests.
+// Small helpers shared by the pipeline tests, and the standard headers they all use.
 
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cmath>
+#include <cstring>
 #include <exception>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <limits>
+#include <map>
+#include <deque>
+#include <mutex>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "../common/test_support.h"
 
@@ -17,6 +38,15 @@ template <typename Path>
 std::string Slurp(const Path& path) {
     std::ifstream in(path.string(), std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// The values on one line, blank-separated: one comparison for a record of fields.
+template <typename... T>
+std::string Fields(const T&... values) {
+    std::ostringstream out;
+    ((out << values << ' '), ...);
+    const std::string text = out.str();
+    return text.substr(0, text.empty() ? 0 : text.size() - 1);
 }
 
 // Polls `done` every millisecond until it holds or `seconds` have passed. The bound is for liveness
