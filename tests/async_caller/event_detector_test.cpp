@@ -12,9 +12,7 @@ std::vector<float> steps(const std::vector<float>& levels, std::size_t width, un
     std::normal_distribution<float> noise(0.0f, 0.2f);
     std::vector<float> x;
     for (const float level : levels) {
-        for (std::size_t i = 0; i < width; ++i) {
-            x.push_back(level + noise(random));
-        }
+        for (std::size_t i = 0; i < width; ++i) x.push_back(level + noise(random));
     }
     return x;
 }
@@ -47,7 +45,7 @@ TEST(EventDetector, FindsEachChangeOfLevel) {
     EXPECT_NEAR(static_cast<double>(events.start[1]), 200.0, 10.0);
 }
 
-TEST(EventDetector, FlatAndEmptySignalsAndBadSettings) {
+TEST(EventDetector, FlatAndEmptySignals) {
     std::vector<float> flat(300, 1.0f);
     Common::EventData<Common::Deep> events;
     DetectEvents(Common::VecView<float>(flat), kSettings, events);
@@ -55,7 +53,5 @@ TEST(EventDetector, FlatAndEmptySignalsAndBadSettings) {
     EXPECT_EQ(events.length[0], 300u);
     EXPECT_FLOAT_EQ(events.mean[0], 1.0f);
     DetectEvents(Common::VecView<float>(), kSettings, events);
-    EXPECT_EQ(events.size(), 0u);
-    EXPECT_EQ(TestSupport::ErrorOf([&] { DetectEvents(Common::VecView<float>(flat), EventDetectionSettings{}, events); }),
-              "Event detection settings are not valid.");
+    EXPECT_EQ(events.size(), 0u);  // bad settings are refused through the pair caller
 }

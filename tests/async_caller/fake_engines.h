@@ -50,9 +50,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         if (throwOnCollect) throw std::runtime_error("injected engine failure");
         AsyncCaller::ChunkData* chunk = repeatLast ? std::exchange(last, nullptr) : nullptr;
-        if (chunk != nullptr || queue.empty() || (reverse && queue.size() < queue.back()->chunk_count)) {
-            return chunk;
-        }
+        if (chunk != nullptr || queue.empty() || (reverse && queue.size() < queue.back()->chunk_count)) return chunk;
         chunk = reverse ? queue.back() : queue.front();
         reverse ? queue.pop_back() : queue.pop_front();
         if (chunk->dimension == 1) fakeCall(static_cast<AsyncCaller::ChunkDataMD&>(*chunk));

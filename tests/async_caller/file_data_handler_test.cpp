@@ -1,4 +1,3 @@
-#include "async_caller/data_trimmer.h"
 #include "async_caller/file_data_handler_md.h"
 #include "async_caller/read_holder_md.h"
 #include "async_caller/signal_scaling.h"
@@ -136,19 +135,11 @@ TEST(FileProcessor, ScalesToPicoampsThenNormalises) {
     EXPECT_FLOAT_EQ(out[2], 0.0f);
     EXPECT_EQ(automatic.Process(0.5f, nullptr, 5, nullptr, 0, 10, 0).kept_samples, 0u);
 
-    // Fixed scaling normalises by the given values, and still reports what it measured; the output
-    // stage's processor scales the same way and knows no strategy that cuts.
+    // Fixed scaling normalises by the given values, and still reports what it measured.
     FileDataHandler::FileProcessor fixed(5.0f, 2.0f, false);
     EXPECT_EQ(fixed.Process(0.5f, raw.data(), 5, out.data(), raw.size(), 10, 0).mad, 5.0f);
     EXPECT_FLOAT_EQ(out[0], 0.0f);
     EXPECT_FLOAT_EQ(out[4], 20.0f * (1.0f / (2.0f * 1.4826f)));
-    AsyncCaller::DataTrimmer trimmer(5.0f, 2.0f, false, "none");
-    std::vector<float> trimmed(raw.size());
-    EXPECT_EQ(trimmer.Process(0.5f, raw.data(), 5, trimmed.data(), raw.size(), 10, 0).median, 15.0f);
-    EXPECT_EQ(trimmed, out);
-    AsyncCaller::DataTrimmer dna(0.0f, 0.0f, true, "dna");
-    EXPECT_EQ(ErrorOf([&] { dna.Process(0.5f, raw.data(), 5, trimmed.data(), raw.size(), 10, 0); }),
-              "trim_strategy not recognised: dna");
 }
 
 TEST(FileDataHandler, StartTimeTextAddsTheReadStart) {
@@ -281,44 +272,18 @@ TEST(PairLoading, EachRefusalIsLoggedWithItsText) {
               "The model's stride must be at least 1.");
 }
 
-namespace {
-
-// Writes pairs of reads of one molecule to `path`; `damage` may spoil a pair before it is written.
-std::vector<AsyncCaller::ReadPair> writePairs(
-    const std::string& path, const std::vector<std::string>& bases, std::mt19937& random,
-    const std::function<void(std::size_t, ReadRecipe&, ReadRecipe&)>& damage = {}) {
-    std::vector<AsyncCaller::ReadPair> pairs;
-    DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-    for (std::size_t i = 0; i < bases.size(); ++i) {
-        ReadRecipe one, two;
-        TestSupport::pairSpecs("p" + std::to_string(i), bases[i], random, one, two);
-        if (damage) damage(i, one, two);
-        TestSupport::writeRead(source, one);
-        TestSupport::writeRead(source, two);
-        pairs.push_back({path, path, one.id, two.id});
-    }
-    return pairs;
-}
-
-std::vector<std::string> randomMolecules(int count, std::size_t length, std::mt19937& random) {
-    std::vector<std::string> out;
-    for (int i = 0; i < count; ++i) out.push_back(TestSupport::randomBases(length, random));
-    return out;
-}
-
-}  // namespace
+using TestSupport::randomMolecules;
+using TestSupport::writePairs;
 
 TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     const std::string path = newFile("pairs");
     std::mt19937 random(11);
-    const auto pairs = writePairs(path, randomMolecules(2, 120, random), random);
+    const auto pairs = writePairs(path, "p", randomMolecules(2, 120, random), random);
     Handler h(/*flags=*/3);
     TestSupport::LogCapture log;
     for (const auto& p : pairs) h->SubmitFilePair(p);
     EXPECT_FALSE(h->NoMoreData());
     EXPECT_TRUE(h->NoMoreData());
-    EXPECT_EQ(ErrorOf([&] { h->SubmitFilePair(pairs[0]); }),
-              "Attempted to submit a file pair after calling NoMoreData().");
     ASSERT_TRUE(Eventually([&] { return h->LoadedCount() == 2; }));
     EXPECT_EQ(h->PendingCount(), 0u);
 
@@ -344,7 +309,6 @@ TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     EXPECT_EQ(Fields(holder.sequence, holder.qualities, holder.read1.read_id, h->ReadsDone()), "UUGCAA 654321 p0_1 1");
     EXPECT_EQ(h->EventsDone(), holder.GetDuration() / 5);
     EXPECT_EQ(log.Count("completed."), 1u);
-    EXPECT_EQ(ErrorOf([&] { h->PassCalledRead(holder, 1); }), "Passed back called read from another data handler.");
 
     ReadHolderMD second;
     ASSERT_TRUE(h->GetRead(0, second, 1));
@@ -354,9 +318,6 @@ TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     h->PassCalledRead(second, 1);
     EXPECT_EQ(log.Count("Chunk aggregation failed for read pair ('p1_1', 'p1_2')."), 1u);
     EXPECT_EQ(h->Processor().Count(), 2u);
-    second.SetPriority(1);
-    EXPECT_EQ(ErrorOf([&] { h->PassCalledRead(second, 1); }),
-              "FileDataHandler class does not support high priority reads.");
     EXPECT_TRUE(Eventually([&] { return !h->IsActive(); }));  // all loaded and taken
     EXPECT_THROW(h->GetRead(0, second, 5), std::out_of_range);
 }
@@ -366,7 +327,7 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
     std::mt19937 random(2);
     std::vector<std::string> bases = randomMolecules(3, 60, random);
     bases.push_back("ACGTA");  // one block each: the path has a single aligned entry
-    writePairs(path, bases, random, [](std::size_t i, ReadRecipe& one, ReadRecipe& two) {
+    writePairs(path, "p", bases, random, [](std::size_t i, ReadRecipe& one, ReadRecipe& two) {
         if (i == 0) two.basecall = false;
         if (i == 1) two.block_stride_value = 9;  // strands called with different block strides
         if (i == 2) {
@@ -403,7 +364,7 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
 
 TEST(PairLoading, AtMostAHundredPairsWaitLoaded) {
     std::mt19937 random(5);
-    const auto pairs = writePairs(newFile("many"), randomMolecules(102, 40, random), random);
+    const auto pairs = writePairs(newFile("many"), "p", randomMolecules(102, 40, random), random);
     Handler h;
     for (const auto& p : pairs) h->SubmitFilePair(p);
     h->NoMoreData();

@@ -17,9 +17,7 @@ inline std::string tinyModelFile(int k, bool transducer, int stride = 5, unsigne
     const auto numbers = [&](int count, float scale) {
         std::ostringstream os;
         os << "[";
-        for (int i = 0; i < count; ++i) {
-            os << (i ? "," : "") << weight(random) * scale;
-        }
+        for (int i = 0; i < count; ++i) os << (i ? "," : "") << weight(random) * scale;
         os << "]";
         return os.str();
     };

@@ -17,15 +17,11 @@ inline void fillPair(AsyncCaller::ReadHolderMD& holder, std::uint64_t samples, s
     for (std::uint64_t i = 0; i < samples; ++i) {
         s1[i] = static_cast<float>((i * 7919 + index * 104729) % 1000) / 250.0f - 2.0f;
     }
-    for (std::uint64_t i = 0; i < samples; ++i) {
-        s2[i] = s1[samples - 1 - i];
-    }
+    for (std::uint64_t i = 0; i < samples; ++i) s2[i] = s1[samples - 1 - i];
     holder.SetRawData(s1, samples, s2, samples, true);
     holder.priorStep = 10;
     holder.priorSamples.resize(samples / 10);
-    for (std::uint64_t e = 0; e < holder.priorSamples.size(); ++e) {
-        holder.priorSamples[e] = 10 * e;
-    }
+    for (std::uint64_t e = 0; e < holder.priorSamples.size(); ++e) holder.priorSamples[e] = 10 * e;
     holder.stride = stride;
     holder.sequence.clear();
     holder.qualities.clear();

@@ -86,9 +86,7 @@ void indelPair(std::mt19937& random, double rate, std::vector<std::int32_t>& lab
 // each entry stands at the middle of its part.
 std::vector<std::uint64_t> entryPositions(const std::vector<int>& blocks, std::uint64_t stride) {
     std::map<int, std::uint64_t> onBlock, seen;
-    for (const int b : blocks) {
-        ++onBlock[b];
-    }
+    for (const int b : blocks) ++onBlock[b];
     std::vector<std::uint64_t> positions;
     for (const int b : blocks) {
         const std::uint64_t part = stride / onBlock[b];
@@ -133,9 +131,7 @@ TEST(PriorAligner, TheMapRunsThroughTheSharedOutBlocks) {
         for (std::size_t e = 0; e < aligner.priorSamples.size(); ++e) {
             const std::uint64_t p = e * aligner.priorStep;
             std::size_t k = 0;
-            while (k + 2 < xs.size() && xs[k + 1] <= p) {
-                ++k;
-            }
+            while (k + 2 < xs.size() && xs[k + 1] <= p) ++k;
             const std::uint64_t expected = ys[k] + (ys[k + 1] - ys[k]) * (p - xs[k]) / (xs[k + 1] - xs[k]);
             ASSERT_EQ(aligner.priorSamples[e], expected) << "sample " << p;
         }

@@ -5,16 +5,13 @@ using AsyncCaller::ChunkData;
 using AsyncCaller::ChunkDataMD;
 using AsyncCaller::ChunkList;
 using AsyncCaller::ReadHolderMD;
-using TestSupport::ErrorOf;
 
 namespace {
 
 // A map with slope 1 everywhere except `slope` for entries [from, to).
 std::vector<std::uint64_t> mapWithBulge(std::size_t entries, std::size_t from, std::size_t to, std::uint64_t slope) {
     std::vector<std::uint64_t> map(entries);
-    for (std::size_t e = 1; e < entries; ++e) {
-        map[e] = map[e - 1] + ((e - 1 >= from && e - 1 < to) ? 10 * slope : 10);
-    }
+    for (std::size_t e = 1; e < entries; ++e) map[e] = map[e - 1] + ((e - 1 >= from && e - 1 < to) ? 10 * slope : 10);
     return map;
 }
 
@@ -117,31 +114,4 @@ TEST(ReadHolderMakeChunks, Windows) {
     EXPECT_EQ(md(chunks.back()).raw2.data, past.s2.data());  // window [S2 - S2, S2 - map[50])
     EXPECT_EQ(md(chunks.back()).raw2.size, 1200u - 500u);
     EXPECT_EQ(md(chunks.back()).priorSamples.size(), 45u);
-}
-
-TEST(ReadHolderMD, RawDataOwnershipAndCopies) {
-    ReadHolderMD holder;
-    EXPECT_EQ(ErrorOf([&] { holder.SetRawData(nullptr, 3, nullptr, 0, false); }),
-              "Cannot view nullptr with size > 0");
-    holder.SetRawData(new float[4](), 4, new float[2](), 2, true);
-    holder.read1.read_id = "a";
-    holder.read2.trimmed_duration = 9;
-    holder.sequence = "ACGT";
-    EXPECT_EQ(holder.GetDuration(), 9u);
-    ReadHolderMD clone(holder);  // results and metadata, never the signal
-    EXPECT_FALSE(clone.owns_raw);
-    EXPECT_EQ(clone.raw1.size, 0u);
-    EXPECT_EQ(clone.sequence, "ACGT");
-    EXPECT_EQ(clone.read1.read_id, "a");
-    float* data = holder.raw1.data;
-    ReadHolderMD moved(std::move(holder));  // the signal goes along, its memory stays put
-    EXPECT_TRUE(moved.owns_raw);
-    EXPECT_EQ(moved.raw1.data, data);
-    EXPECT_FALSE(holder.owns_raw);
-    EXPECT_EQ(holder.raw1.data, nullptr);
-    EXPECT_EQ(ErrorOf([&] { moved.GetSequenceLength(); }),
-              "GetSequenceLength() method not available for multi-dimensional implementation.");
-    moved.ClearRawData();
-    EXPECT_FALSE(moved.owns_raw);
-    EXPECT_EQ(moved.raw2.size, 0u);
 }

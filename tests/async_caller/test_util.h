@@ -55,9 +55,7 @@ template <typename Done>
 bool Eventually(Done done, int seconds = 10) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (std::chrono::steady_clock::now() < end) {
-        if (done()) {
-            return true;
-        }
+        if (done()) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return done();

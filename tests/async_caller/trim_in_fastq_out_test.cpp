@@ -140,17 +140,8 @@ TEST_F(TrimInFastqOutTest, FailedPairsAndConcurrentWorkers) {
     EXPECT_EQ(records, static_cast<std::size_t>(kWorkers * kPairs));
 }
 
-TEST_F(TrimInFastqOutTest, MisuseAndOpenFailures) {
+TEST_F(TrimInFastqOutTest, AnUnwritableSummaryIsRefused) {
     using TestSupport::ErrorOf;
-    TrimInFastqOut idle;
-    auto pair = Pair("a", 9.0f);
-    EXPECT_EQ(ErrorOf([&] { idle.PostProcess(pair, 0); }),
-              "Attempted to post-process using default constructed TrimInFastqOut object.");
-    auto processor = Make(false, 7.0f);
-    pair.dimension = 2;
-    EXPECT_EQ(ErrorOf([&] { processor->PostProcess(pair, 0); }), "Unrecognized dimensionality of read object.");
-    pair.dimension = 1;
-    EXPECT_THROW(processor->PostProcess(pair, 1), std::out_of_range);  // only worker 0 exists
     const std::string bad = (dir / "missing" / "sequencing_summary.txt").string();
     EXPECT_EQ(ErrorOf([&] {
                   TrimInFastqOut(dir.string(), 4000, 1, 0.0f, 0.0f, bad, PairSummaryColumns(), "none", true, 7.0f,

@@ -27,9 +27,7 @@ using TestSupport::ErrorOf;
 struct RunParams {
     explicit RunParams(std::vector<std::string> args) : strings(std::move(args)) {
         strings.insert(strings.begin(), "prog");
-        for (const auto& s : strings) {
-            argv.push_back(s.c_str());
-        }
+        for (const auto& s : strings) argv.push_back(s.c_str());
         params.ParseArguments(nullptr, "", Argc(), argv.data(), "");
     }
     int Argc() const { return static_cast<int>(argv.size()); }
