@@ -80,7 +80,7 @@ TEST(CallerBuffer, SoftLimitLooksOnlyAtTheCountBeforeTheRead) {
         bool taken;
         std::uint64_t chunks;
     } cases[] = {{99990, 0, true, 9999}, {5000, 0, true, 10499}, {200, 0, false, 10499},
-                 {990, 1, true, 99},     {25, 1, true, 102},     {25, 1, false, 102}};
+                 {980, 1, true, 98},     {20, 1, true, 100},     {25, 1, false, 100}};
     std::uint64_t index = 0;
     for (const auto& c : cases) {
         TestSupport::CountingHolder read(c.duration, ++index, c.priority);

@@ -16,14 +16,8 @@ using TestSupport::ReadRecipe;
 
 namespace {
 
-// A pair handler over an aligner where matching labels score 100 and any mismatch -100.
-struct Handler {
-    std::vector<int> scores = [] {
-        std::vector<int> m(64 * 64, -100);
-        for (int i = 0; i < 64; ++i) m[i * 64 + i] = 100;
-        return m;
-    }();
-    AsyncCaller::PriorAligner aligner{Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000};
+// A pair handler of stride 5.
+struct Handler : TestSupport::LabelAligner {
     std::unique_ptr<FileDataHandlerMD> handler;
     explicit Handler(std::uint32_t flags = 0) : handler(new FileDataHandlerMD(5, aligner, 2, nullptr, flags)) {}
     FileDataHandlerMD* operator->() { return handler.get(); }

@@ -60,10 +60,8 @@ struct RunResult {
 };
 
 RunResult runPipeline(const std::vector<AsyncCaller::ReadPair>& pairs, const Callers& callers) {
-    std::vector<int> scores(64 * 64, -100);
-    for (int i = 0; i < 64; ++i) scores[i * 64 + i] = 100;
-    const AsyncCaller::PriorAligner aligner(Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000);
-    FileDataHandlerMD handler(kStride, aligner, static_cast<int>(callers.size()), nullptr, 0);
+    const TestSupport::LabelAligner labels;
+    FileDataHandlerMD handler(kStride, labels.aligner, static_cast<int>(callers.size()), nullptr, 0);
     for (const auto& p : pairs) handler.SubmitFilePair(p);
     handler.NoMoreData();
     RunResult run;
@@ -143,9 +141,8 @@ TEST(Pipeline, FailuresReachTheOwnerWithEveryLayersPrefix) {
     EXPECT_EQ(runPipeline(pairs, callers).failure, prefix + "injected engine failure");
 
     // A caller of single reads cannot serve a pair handler; no worker starts.
-    std::vector<int> scores(64 * 64, 0);
-    const AsyncCaller::PriorAligner aligner(Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000);
-    FileDataHandlerMD handler(kStride, aligner, 1, nullptr, 0);
+    const TestSupport::LabelAligner labels;
+    FileDataHandlerMD handler(kStride, labels.aligner, 1, nullptr, 0);
     const Callers single{std::shared_ptr<ReadCaller>(buffered(std::make_unique<TestSupport::FakeEngine>(), 8, 0))};
     EXPECT_EQ(TestSupport::ErrorOf([&] { ParallelCaller(&handler, nullptr, single); }),
               "Caller dimensionality does not match data handler dimensionality.");

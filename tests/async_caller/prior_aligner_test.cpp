@@ -1,27 +1,11 @@
 #include "test_util.h"
 #include "async_caller/prior_aligner.h"
+#include "read_files.h"
 
 using AsyncCaller::PriorAligner;
 
-namespace {
-
-// Matching labels score 100, any mismatch `mismatch`.
-std::vector<int> labelScores(int mismatch) {
-    std::vector<int> m(64 * 64, mismatch);
-    for (int i = 0; i < 64; ++i) m[i * 64 + i] = 100;
-    return m;
-}
-
-struct Aligner {
-    explicit Aligner(int mismatch = -100) : scores(labelScores(mismatch)) {}
-    std::vector<int> scores;
-    PriorAligner aligner{Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000};
-};
-
-}  // namespace
-
 TEST(PriorAligner, ExtraLabelsAtEitherEndOfStrand2) {
-    Aligner a;
+    TestSupport::LabelAligner a;
     PriorAligner& aligner = a.aligner;
     std::mt19937 random(4);
     std::vector<std::int32_t> labels1(100);
@@ -99,7 +83,7 @@ std::vector<std::uint64_t> entryPositions(const std::vector<int>& blocks, std::u
 
 TEST(PriorAligner, TheMapRunsThroughTheSharedOutBlocks) {
     // Mismatches far dearer than two gaps, so that the alignment is the one the labels were built with.
-    Aligner a(-2000);
+    TestSupport::LabelAligner a(-2000);
     PriorAligner& aligner = a.aligner;
     std::mt19937 random(8);
     for (int trial = 0; trial < 40; ++trial) {

@@ -12,6 +12,7 @@
 #include "data_api/h5_object.h"
 #include "data_api/rawh5_read_source.h"
 #include "data_api/read_data.h"
+#include "async_caller/prior_aligner.h"
 #include "async_caller/read_pair.h"
 
 namespace TestSupport {
@@ -32,6 +33,17 @@ inline ScratchDir& Scratch() {
     static ScratchDir dir;
     return dir;
 }
+
+// A prior aligner over labels that score 100 when they match and `mismatch` otherwise.
+struct LabelAligner {
+    explicit LabelAligner(int mismatch = -100) : scores(64 * 64, mismatch) {}
+    std::vector<int> scores;
+    const bool diagonal = [this] {  // before the aligner takes the table
+        for (int i = 0; i < 64; ++i) scores[i * 64 + i] = 100;
+        return true;
+    }();
+    AsyncCaller::PriorAligner aligner{Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000};
+};
 
 // What one read of a file holds. The defaults make a read that loads: one block of 10 samples per
 // move, a segmentation covering all blocks after `first_sample`.
