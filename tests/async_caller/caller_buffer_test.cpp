@@ -27,11 +27,6 @@ struct Buffer {
 
 using TestSupport::Eventually;
 
-// The stored failure of a buffer's worker, as the first public call rethrows it.
-std::string awaitFailure(BufferedCaller& caller) {
-    return TestSupport::AwaitError([&] { caller.CanAcceptRead(0, 0); });
-}
-
 }  // namespace
 
 TEST(CallerBuffer, ChunkCountForAReadLength) {
@@ -117,7 +112,8 @@ TEST(CallerBuffer, EngineMisbehaviourFailsTheWorkerOnce) {
         b.setEngine(c.change);
         auto read = TestSupport::makePair(c.chunkSize * c.stride * 3 - 100, c.stride, 1);
         ASSERT_TRUE(b.caller->PassRead(*read));
-        EXPECT_EQ(awaitFailure(*b.caller), prefix + c.text);
+        // The stored failure of the worker, as the first public call rethrows it.
+        EXPECT_EQ(TestSupport::AwaitError([&] { b.caller->CanAcceptRead(0, 0); }), prefix + c.text);
         EXPECT_FALSE(b.caller->CanAcceptRead(0, 0));  // the text was taken once
         EXPECT_FALSE(b.caller->IsBusy());
         EXPECT_NO_THROW(b.caller->Finish());
