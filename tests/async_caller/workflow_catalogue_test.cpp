@@ -49,9 +49,9 @@ TEST(WorkflowCatalogue, ScanBuildsEntriesPerFlowcellAndKit) {
     dir.File("sub/deeper.cfg", "compatible_flowcells = X\ncompatible_kits = Y\n");
     std::vector<std::string> rows;
     for (const auto& entry : ScanWorkflows(dir.path.string())) {
-        rows.push_back(entry.flowcell + "|" + entry.kit + "|" + (entry.barcoding ? "b" : "-") + "|" + entry.config_path);
+        rows.push_back(entry.flowcell + "|" + entry.kit + "|" + (entry.barcoding ? "b|" : "-|") + entry.config_path);
     }
-    const std::string a = (dir.path / "a_first.cfg").string() , b = (dir.path / "b_second.cfg").string();
+    const std::string a = (dir.path / "a_first.cfg").string(), b = (dir.path / "b_second.cfg").string();
     EXPECT_EQ(rows, (std::vector<std::string>{"FC9|K9|-|" + a, "FC1|K1|-|" + b, "FC1| K2|-|" + b, "FC1|BC1|b|" + b,
                                               "FC2|K1|-|" + b, "FC2| K2|-|" + b, "FC2|BC1|b|" + b}));
 }
