@@ -1,6 +1,5 @@
 #include "async_caller/buffered_caller.h"
 #include "fake_engines.h"
-#include "pipeline_fixtures.h"
 #include "test_util.h"
 
 using AsyncCaller::BufferedCaller;

@@ -4,8 +4,7 @@
 #include "basecall_nn/nn_caller_cblas.h"
 #include "fake_engines.h"
 #include "log_capture.h"
-#include "model_files.h"
-#include "pipeline_fixtures.h"
+#include "read_files.h"
 #include "test_util.h"
 
 using AsyncCaller::ChunkCallerMDCpu;
@@ -105,8 +104,40 @@ TEST(ChunkCallerMDCpu, Strand2PosteriorsAreReadBackwardAndComplemented) {
 
 namespace {
 
+// A tiny raw-signal model written as a model file: a strided convolution to a few features and a
+// softmax over 4^k k-mer states plus the stay column. Random weights: the calls mean nothing, but
+// they run the whole way.
+std::string tinyModelFile(int k, bool transducer, int stride = 5, unsigned seed = 7) {
+    const int states = 1 << (2 * k);
+    const int features = 8;
+    std::mt19937 random(seed);
+    std::normal_distribution<float> weight(0.0f, 1.0f);
+    const auto numbers = [&](int count, float scale) {
+        std::ostringstream os;
+        os << "[";
+        for (int i = 0; i < count; ++i) os << (i ? "," : "") << weight(random) * scale;
+        os << "]";
+        return os.str();
+    };
+    std::ostringstream json;
+    json << "{\"meta\":{\"feature_function\":\"raw\",\"window\":[0],\"transducer\":" << (transducer ? "true" : "false")
+         << "},\"layers\":[{\"type\":\"input\",\"name\":\"in\",\"size\":1},"
+         << "{\"type\":\"convolution\",\"name\":\"conv\",\"size\":" << features << ",\"insize\":1,\"winlen\":" << stride
+         << ",\"stride\":" << stride << ",\"padding\":[" << stride / 2 << "," << stride - 1 - stride / 2
+         << "],\"activation\":\"tanh\"},"
+         << "{\"type\":\"softmax\",\"name\":\"out\",\"size\":" << states + 1 << "}],"
+         << "\"weights\":{\"conv\":{\"input\":" << numbers(stride * features, 1.0f)
+         << ",\"bias\":" << numbers(features, 0.1f) << "},"
+         << "\"out\":{\"input\":" << numbers(features * (states + 1), 2.0f)
+         << ",\"bias\":" << numbers(states + 1, 0.5f) << "}}}";
+    const std::string path =
+        TestSupport::Scratch().File("model_k" + std::to_string(k) + (transducer ? "_t" : "_n") + std::to_string(seed) + ".json");
+    std::ofstream(path) << json.str();
+    return path;
+}
+
 std::shared_ptr<const BasecallNN::NNCaller> loadModel(int k, bool transducer) {
-    BasecallNN::NNLoader loader(TestSupport::tinyModelFile(k, transducer));
+    BasecallNN::NNLoader loader(tinyModelFile(k, transducer));
     auto network = std::make_shared<BasecallNN::NNCallerCblas>();
     loader.LoadInto(*network);
     return network;
@@ -214,7 +245,7 @@ TEST(ChunkCallerMDCpu, EventModelsCallTheDetectedEvents) {
 
 TEST(BufferedCaller, MadeFromTheRunConfiguration) {
     BasecallNN::BasecallSettings settings;
-    settings.model_file = TestSupport::tinyModelFile(4, true);
+    settings.model_file = tinyModelFile(4, true);
     settings.qscore_offset = 1.5f;
     // A band makes a pair caller: the read comes back called chunk by chunk and joined.
     AsyncCaller::BufferedCaller caller(2, 60, std::make_shared<BasecallNN::BasecallConfig>("", settings), 6, 10, 4);
