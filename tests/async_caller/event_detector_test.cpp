@@ -43,15 +43,13 @@ TEST(EventDetector, FindsEachChangeOfLevel) {
     DetectEvents(Common::VecView<float>(x), EventDetectionSettings{5, 60, 100.0f, 6.0f, 0.5f}, events);
     ASSERT_EQ(events.size(), 2u);
     EXPECT_NEAR(static_cast<double>(events.start[1]), 200.0, 10.0);
-}
 
-TEST(EventDetector, FlatAndEmptySignals) {
+    // A flat signal is one event; an empty one, none.
     std::vector<float> flat(300, 1.0f);
-    Common::EventData<Common::Deep> events;
     DetectEvents(Common::VecView<float>(flat), kSettings, events);
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events.length[0], 300u);
     EXPECT_FLOAT_EQ(events.mean[0], 1.0f);
     DetectEvents(Common::VecView<float>(), kSettings, events);
-    EXPECT_EQ(events.size(), 0u);  // bad settings are refused through the pair caller
+    EXPECT_EQ(events.size(), 0u);
 }

@@ -19,13 +19,10 @@ protected:
         // Summary rows for the pairs "a" and "b"; nothing else has finished.
         const auto& columns = AsyncCaller::PairSummaryColumns();
         std::ofstream summary((dir / "sequencing_summary.txt").string());
-        for (std::size_t i = 0; i < columns.size(); ++i) {
-            summary << columns[i] << (i + 1 < columns.size() ? '\t' : '\n');
-        }
-        for (const char* id : {"a", "b"}) {
+        for (const std::string id : {"", "a", "b"}) {
             for (std::size_t i = 0; i < columns.size(); ++i) {
                 const std::string& c = columns[i];
-                summary << (c == "read_id1" ? std::string(id) : c == "read_id2" ? std::string(id) + "2" : "4")
+                summary << (id.empty() ? c : c == "read_id1" ? id : c == "read_id2" ? id + "2" : "4")
                         << (i + 1 < columns.size() ? '\t' : '\n');
             }
         }
