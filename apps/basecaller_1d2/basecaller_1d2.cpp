@@ -106,7 +106,7 @@ void Basecaller1D2::Setup() {
         save_path, records_per_fastq, num_callers, scaling_med, scaling_mad, summary_path, summary_columns, "none",
         !override_scaling, min_qscore, qscore_filtering,
         [run_telemetry](const AsyncCaller::ReadHolder& read) { run_telemetry->AddCalledRead(read); },
-        AsyncCaller::TrimSettings(), resume, compress_fastq);
+        resume, compress_fastq);
 
     const PairAlignment::MismatchMatrix mismatch = PairAlignment::LoadMismatchMatrix(score_matrix);
     const AsyncCaller::PriorAligner aligner(mismatch.View(), gap_penalty, start_end_penalty,

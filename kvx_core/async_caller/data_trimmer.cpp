@@ -4,8 +4,7 @@
 
 namespace AsyncCaller {
 
-DataTrimmer::DataTrimmer(float scaling_med_, float scaling_mad_, bool auto_scale_, const std::string& trim_strategy_,
-                         const TrimSettings&)
+DataTrimmer::DataTrimmer(float scaling_med_, float scaling_mad_, bool auto_scale_, const std::string& trim_strategy_)
     : FileProcessor(scaling_med_, scaling_mad_, auto_scale_), trim_strategy(trim_strategy_) {}
 
 DataTrimmer::ScaleResult DataTrimmer::Process(float scale, const std::int16_t* raw, std::uint64_t stride,

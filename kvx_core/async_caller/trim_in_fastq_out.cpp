@@ -43,9 +43,8 @@ TrimInFastqOut::TrimInFastqOut(const std::string& save_path, std::uint64_t recor
                                float scaling_med_, float scaling_mad_, const std::string& summary_path,
                                const std::vector<std::string>& summary_columns, const std::string& trim_strategy_,
                                bool auto_scale_, float min_qscore_, bool qscore_filtering,
-                               CalledReadReport telemetry_, const TrimSettings& trim, bool resume,
-                               bool compress_fastq)
-    : DataTrimmer(scaling_med_, scaling_mad_, auto_scale_, trim_strategy_, trim),
+                               CalledReadReport telemetry_, bool resume, bool compress_fastq)
+    : DataTrimmer(scaling_med_, scaling_mad_, auto_scale_, trim_strategy_),
       writer(std::make_unique<Common::FastqWriter>(save_path, records_per_fastq, workers, qscore_filtering,
                                                    compress_fastq)),
       summary(std::make_unique<SummaryFile>(summary_path, summary_columns, resume)),

@@ -51,8 +51,8 @@ public:
                    float scaling_med, float scaling_mad, const std::string& summary_path,
                    const std::vector<std::string>& summary_columns, const std::string& trim_strategy,
                    bool auto_scale, float min_qscore, bool qscore_filtering,
-                   CalledReadReport telemetry = CalledReadReport(), const TrimSettings& trim = TrimSettings(),
-                   bool resume = false, bool compress_fastq = false);
+                   CalledReadReport telemetry = CalledReadReport(), bool resume = false,
+                   bool compress_fastq = false);
     ~TrimInFastqOut() override;
 
     // Sets passes_filtering (min_qscore <= mean_qscore), writes the FASTQ record if the sequence is

@@ -1,38 +1,30 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
+#include "test_util.h"
 #include "async_caller/read_holder_md.h"
 #include "log_capture.h"
 
-using AsyncCaller::ChunkDataMD;
 using AsyncCaller::ReadHolderMD;
 
 namespace {
 
-const char* const kPrefix = "Chunk aggregation failed for read pair ('r1', 'r2').";
+const std::string kPrefix = "Chunk aggregation failed for read pair ('r1', 'r2').";
 
-void addChunk(ReadHolderMD& holder, const std::string& sequence, char quality, std::uint64_t events,
-              float score = 0.0f) {
-    auto chunk = std::make_unique<ChunkDataMD>();
-    chunk->sequence = sequence;
-    chunk->qualities = std::string(sequence.size(), quality);
-    chunk->events1 = events / 2;
-    chunk->events2 = events - events / 2;
-    chunk->score = score;
-    chunk->chunk_index = holder.chunks.size();
-    holder.chunks.push_back(std::move(chunk));
-}
-
-ReadHolderMD makeHolder(std::uint64_t overlap) {
+// Chunks given as (sequence, events), each of one quality; `quality` holds one per chunk or one for all.
+ReadHolderMD makeHolder(std::uint64_t overlap, const std::vector<std::pair<std::string, std::uint64_t>>& chunks,
+                        const std::string& quality = "+") {
     ReadHolderMD holder;
     holder.read1.read_id = "r1";
     holder.read2.read_id = "r2";
     holder.overlap = overlap;
+    for (const auto& c : chunks) {
+        auto chunk = std::make_unique<AsyncCaller::ChunkDataMD>();
+        chunk->sequence = c.first;
+        chunk->qualities = std::string(c.first.size(), quality[std::min(holder.chunks.size(), quality.size() - 1)]);
+        chunk->events1 = c.second / 2;
+        chunk->events2 = c.second - c.second / 2;
+        chunk->score = static_cast<float>(holder.chunks.size() * 2 + 1);  // 1, 3, 5...
+        chunk->chunk_index = holder.chunks.size();
+        holder.chunks.push_back(std::move(chunk));
+    }
     return holder;
 }
 
@@ -41,74 +33,51 @@ std::string aggregate(ReadHolderMD& holder) {
     TestSupport::LogCapture log;
     holder.Aggregate();
     for (const std::string& m : log.Info()) {
-        if (m.rfind(kPrefix, 0) == 0) {
-            return m.substr(std::string(kPrefix).size());
-        }
+        if (m.rfind(kPrefix, 0) == 0) return m.substr(kPrefix.size());
     }
     return "";
 }
 
 }  // namespace
 
-TEST(ReadHolderMDAggregate, OneChunkPassesAsItIs) {
-    ReadHolderMD holder = makeHolder(10);
-    addChunk(holder, "ACGTACGT", '+', 40, 4.0f);
-    EXPECT_EQ(aggregate(holder), "");
-    EXPECT_EQ(holder.sequence, "ACGTACGT");
-    EXPECT_EQ(holder.qualities, "++++++++");
-    EXPECT_FLOAT_EQ(holder.strand_score, 0.5f);
-    EXPECT_NEAR(holder.mean_qscore, 10.0f, 1e-4);
-    EXPECT_TRUE(holder.chunks.empty());
-}
-
-TEST(ReadHolderMDAggregate, PerfectCopyOverlapJoinsAtItsFirstBase) {
-    // 2 * 80 bases / 160 events * 10 events of overlap: B = 10 bases.
-    const std::string overlap = "GATTACAGCA";
-    const std::string a = std::string("CCCCCTTTTTGGGGGAAAAACCCCCTTTTT") + overlap;
-    const std::string b = overlap + "TTGGAACCTTGGAACCTTGGAACCTTGGAA";
-    ReadHolderMD holder = makeHolder(10);
-    addChunk(holder, a, '+', 80, 1.0f);
-    addChunk(holder, b, '5', 80, 3.0f);
-    EXPECT_EQ(aggregate(holder), "");
-    EXPECT_EQ(holder.sequence, a.substr(0, 30) + b);
-    // The overlap's bases and qualities come from the second chunk, each once.
-    EXPECT_EQ(holder.qualities, std::string(30, '+') + std::string(40, '5'));
-    // Scores over the full chunk lengths, overlaps included.
-    EXPECT_FLOAT_EQ(holder.strand_score, 4.0f / 80.0f);
-    EXPECT_TRUE(holder.chunks.empty());
-}
-
-TEST(ReadHolderMDAggregate, OneMismatchLeavesTheLongerHalfAndTiesGoEarly) {
-    const std::string head(30, 'C');
-    const std::string tail(30, 'G');
-    {
-        // Mismatch at 3: runs of 3 and 6; the join falls at overlap base 4.
-        const std::string o1 = "ATTACATTAT";
-        std::string o2 = o1;
-        o2[3] = 'G';
-        ReadHolderMD holder = makeHolder(10);
-        addChunk(holder, head + o1, '+', 80);
-        addChunk(holder, o2 + tail, '5', 80);
+TEST(ReadHolderMDAggregate, ChunksJoinWhereTheLongestRunOfMatchesBegins) {
+    const std::string head(30, 'C'), tail(30, 'G');
+    const std::string o = "ATTACATTATA";
+    std::string at3 = o.substr(0, 10), at5 = o;
+    at3[3] = 'G';  // runs of 3 and 6: the join falls at overlap base 4
+    at5[5] = 'G';  // two runs of 5 in 11: the first stands
+    const struct {
+        std::uint64_t overlap, events;
+        std::string a, b;
+        std::size_t fromA;  // bases (and qualities) taken from the first chunk
+    } cases[] = {
+        // 2 * 80 bases / 160 events * 10 events of overlap: B = 10 bases; a perfect copy joins at its first base.
+        {10, 80, head + o.substr(0, 10), o.substr(0, 10) + tail, 30},
+        {10, 80, head + o.substr(0, 10), at3 + tail, 34},
+        {11, 82, head + o, at5 + tail, 30},  // B = 2 * 82 / 164 * 11 = 11
+    };
+    for (const auto& c : cases) {
+        ReadHolderMD holder = makeHolder(c.overlap, {{c.a, c.events}, {c.b, c.events}}, "+5");
         EXPECT_EQ(aggregate(holder), "");
-        EXPECT_EQ(holder.sequence, head + o1.substr(0, 4) + o2.substr(4) + tail);
-        EXPECT_EQ(holder.qualities, std::string(34, '+') + std::string(36, '5'));
+        EXPECT_EQ(holder.sequence, c.a.substr(0, c.fromA) + c.b.substr(c.fromA - 30));
+        EXPECT_EQ(holder.qualities, std::string(c.fromA, '+') + std::string(c.b.size() + 30 - c.fromA, '5'));
+        // Scores over the full chunk lengths, overlaps included.
+        EXPECT_FLOAT_EQ(holder.strand_score, 4.0f / static_cast<float>(c.a.size() + c.b.size()));
+        EXPECT_TRUE(holder.chunks.empty());
     }
-    {
-        // Mismatch at 5 of 11: two runs of 5; the first stands. B = 2 * 82 / 164 * 11 = 11.
-        const std::string o1 = "ATTACATTATA";
-        std::string o2 = o1;
-        o2[5] = 'G';
-        ReadHolderMD holder = makeHolder(11);
-        addChunk(holder, head + o1, '+', 82);
-        addChunk(holder, o2 + tail, '5', 82);
-        EXPECT_EQ(aggregate(holder), "");
-        EXPECT_EQ(holder.qualities, std::string(30, '+') + std::string(41, '5'));
-    }
+    // One chunk passes as it is. The mean qscore is taken over error probabilities: q 10 and q 20 are
+    // errors 0.1 and 0.01.
+    ReadHolderMD one = makeHolder(10, {{"AC", 40}});
+    one.chunks.front()->qualities = "+5";
+    EXPECT_EQ(aggregate(one), "");
+    EXPECT_EQ(one.sequence + one.qualities, "AC+5");
+    EXPECT_FLOAT_EQ(one.strand_score, 0.5f);
+    EXPECT_NEAR(one.mean_qscore, -10.0 * std::log10(0.055), 1e-4);
 }
 
 TEST(ReadHolderMDAggregate, EachFailureIsLoggedAndLeavesAnEmptyResult) {
     {
-        ReadHolderMD holder = makeHolder(10);
+        ReadHolderMD holder = makeHolder(10, {});
         TestSupport::LogCapture log;
         holder.Aggregate();
         EXPECT_EQ(log.Info(), std::vector<std::string>{"No chunks received for read pair ('r1', 'r2')."});
@@ -140,25 +109,11 @@ TEST(ReadHolderMDAggregate, EachFailureIsLoggedAndLeavesAnEmptyResult) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
-        ReadHolderMD holder = makeHolder(c.overlap);
-        for (const auto& chunk : c.chunks) {
-            addChunk(holder, chunk.first, '+', chunk.second, 1.0f);
-        }
+        ReadHolderMD holder = makeHolder(c.overlap, c.chunks);
         EXPECT_EQ(aggregate(holder), c.text);
         EXPECT_TRUE(holder.sequence.empty());
         EXPECT_TRUE(holder.qualities.empty());
         EXPECT_EQ(holder.strand_score, 0.0f);
         EXPECT_EQ(holder.chunks.size(), c.chunks.size());  // left with the holder
     }
-}
-
-TEST(ReadHolderMDAggregate, MeanQscoreIsTakenOverErrorProbabilities) {
-    ReadHolderMD holder = makeHolder(10);
-    auto chunk = std::make_unique<ChunkDataMD>();
-    chunk->sequence = "AC";
-    chunk->qualities = "+5";  // q 10 and q 20: error 0.1 and 0.01
-    holder.chunks.push_back(std::move(chunk));
-    holder.Aggregate();
-    EXPECT_NEAR(holder.mean_qscore, -10.0 * std::log10(0.055), 1e-4);
-    EXPECT_GT(std::fabs(holder.mean_qscore - 15.0f), 2.0f);
 }

@@ -1,104 +1,90 @@
 // The whole read pipeline on read files: pair loading, buffering, the threads of the callers and the
 // parallel caller, with the network replaced by a fake computation.
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <map>
-#include <memory>
-#include <random>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "async_caller/buffered_caller.h"
 #include "async_caller/file_data_handler_md.h"
 #include "async_caller/parallel_caller.h"
 #include "async_caller/read_holder_md.h"
 #include "fake_engines.h"
 #include "read_files.h"
+#include "test_util.h"
 
 using AsyncCaller::BufferedCaller;
 using AsyncCaller::FileDataHandlerMD;
 using AsyncCaller::ParallelCaller;
 using AsyncCaller::ReadCaller;
 using AsyncCaller::ReadHolderMD;
+using Callers = std::vector<std::shared_ptr<ReadCaller>>;
 
 namespace {
 
 constexpr std::uint64_t kStride = 5;
-constexpr std::uint64_t kChunkSize = 60;
-constexpr std::uint64_t kOverlap = 6;
 
-// `files` files of `perFile` pairs each, of 150 to 250 bases.
-std::vector<AsyncCaller::ReadPair> writeDataset(const std::string& stem, int files, int perFile) {
-    std::vector<AsyncCaller::ReadPair> pairs;
-    std::mt19937 random(2024);
-    std::uniform_int_distribution<int> length(150, 250);
-    for (int f = 0; f < files; ++f) {
-        const std::string path = TestSupport::Scratch().File(stem + std::to_string(f) + ".rawh5");
-        DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-        for (int i = 0; i < perFile; ++i) {
-            TestSupport::ReadRecipe one, two;
-            const std::string id = "f" + std::to_string(f) + "p" + std::to_string(i);
-            TestSupport::pairSpecs(id, TestSupport::randomBases(static_cast<std::size_t>(length(random)), random),
-                                   random, one, two);
-            TestSupport::writeRead(source, one);
-            TestSupport::writeRead(source, two);
-            pairs.push_back({path, path, one.id, two.id});
+// 60 pairs of 150 to 250 bases over 2 files.
+const std::vector<AsyncCaller::ReadPair>& dataset() {
+    static const std::vector<AsyncCaller::ReadPair> pairs = [] {
+        std::vector<AsyncCaller::ReadPair> out;
+        std::mt19937 random(2024);
+        std::uniform_int_distribution<std::size_t> length(150, 250);
+        for (int f = 0; f < 2; ++f) {
+            std::vector<std::string> molecules;
+            for (int i = 0; i < 30; ++i) molecules.push_back(TestSupport::randomBases(length(random), random));
+            const auto file = TestSupport::writePairs(TestSupport::Scratch().File("pipeline" + std::to_string(f)),
+                                                      "f" + std::to_string(f) + "p", molecules, random);
+            out.insert(out.end(), file.begin(), file.end());
         }
-    }
+        return out;
+    }();
     return pairs;
 }
 
-const std::vector<AsyncCaller::ReadPair>& dataset() {
-    static const std::vector<AsyncCaller::ReadPair> pairs = writeDataset("pipeline", 10, 30);
-    return pairs;
+BufferedCaller* buffered(std::unique_ptr<AsyncCaller::ChunkCallerMD> engine, std::uint64_t limit,
+                         std::int32_t dimension = 1) {
+    return new BufferedCaller(std::move(engine), dimension, 60, kStride, 6, limit);
+}
+
+// `count` callers of `threads` threads each; chunk number `failAt` of the first one throws.
+Callers threaded(std::size_t count, std::uint64_t threads, std::uint64_t limit, int delayMs = 0, long failAt = -1) {
+    Callers out;
+    for (std::size_t i = 0; i < count; ++i) {
+        out.emplace_back(buffered(
+            std::make_unique<TestSupport::ThreadedFakeCaller>(threads, i == 0 ? failAt : -1, delayMs), limit));
+    }
+    return out;
 }
 
 struct RunResult {
     std::map<std::string, std::vector<std::string>> calls;  // read_id1 -> sequences returned
-    std::uint64_t maxLoaded = 0;
-    std::uint64_t maxChunks = 0;
-    std::uint64_t readsDone = 0;
+    std::uint64_t maxLoaded = 0, maxChunks = 0, readsDone = 0;
+    std::string failure;  // what the parallel caller threw
 };
 
-RunResult runPipeline(const std::vector<AsyncCaller::ReadPair>& pairs, std::size_t callerCount, std::uint64_t threads,
-                std::uint64_t limit, int delayMs) {
-    std::vector<int> scores(64 * 64, -100);
-    for (int i = 0; i < 64; ++i) {
-        scores[i * 64 + i] = 100;
-    }
-    const AsyncCaller::PriorAligner aligner(Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000);
-    FileDataHandlerMD handler(kStride, aligner, static_cast<int>(callerCount), nullptr, 0);
-    std::vector<std::shared_ptr<ReadCaller>> callers;
-    for (std::size_t i = 0; i < callerCount; ++i) {
-        callers.push_back(std::make_shared<BufferedCaller>(
-            std::make_unique<TestSupport::ThreadedFakeCaller>(threads, -1, delayMs), 1, kChunkSize, kStride, kOverlap,
-            limit));
-    }
-    for (const auto& p : pairs) {
-        handler.SubmitFilePair(p);
-    }
+RunResult runPipeline(const std::vector<AsyncCaller::ReadPair>& pairs, const Callers& callers) {
+    const TestSupport::LabelAligner labels;
+    FileDataHandlerMD handler(kStride, labels.aligner, static_cast<int>(callers.size()), nullptr, 0);
+    for (const auto& p : pairs) handler.SubmitFilePair(p);
     handler.NoMoreData();
-
     RunResult run;
     {
         ParallelCaller pc(&handler, nullptr, callers);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-        while (pc.IsRunning()) {
-            run.maxLoaded = std::max(run.maxLoaded, handler.LoadedCount());
-            for (auto& c : callers) {
-                run.maxChunks = std::max(run.maxChunks, static_cast<BufferedCaller&>(*c).ChunkCount(0));
+        run.failure = TestSupport::ErrorOf([&] {
+            while (pc.IsRunning()) {
+                run.maxLoaded = std::max(run.maxLoaded, handler.LoadedCount());
+                for (auto& c : callers) {
+                    run.maxChunks = std::max(run.maxChunks, static_cast<BufferedCaller&>(*c).ChunkCount(0));
+                }
+                if (std::chrono::steady_clock::now() > deadline) {
+                    ADD_FAILURE() << "the pipeline did not finish";
+                    pc.Stop();
+                    break;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
             }
-            if (std::chrono::steady_clock::now() > deadline) {
-                ADD_FAILURE() << "the pipeline did not finish";
-                pc.Stop();
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }, "");
+        if (!run.failure.empty()) {
+            EXPECT_FALSE(pc.IsRunning());  // the failure is thrown once
+            return run;
         }
     }
     EXPECT_FALSE(handler.IsActive());
@@ -113,47 +99,50 @@ RunResult runPipeline(const std::vector<AsyncCaller::ReadPair>& pairs, std::size
 
 }  // namespace
 
-TEST(Pipeline, EveryPairComesBackOnceThroughFourCallersUnderBackPressure) {
+TEST(Pipeline, EveryPairComesBackOnceWhateverTheCallersAndThreads) {
     const auto& pairs = dataset();
-    ASSERT_EQ(pairs.size(), 300u);
-    const std::uint64_t limit = 8;
-    // Slowed chunks, so that the callers' queues fill and refuse reads.
-    const RunResult run = runPipeline(pairs, 4, 2, limit, 1);
-    ASSERT_EQ(run.calls.size(), pairs.size());
+    const RunResult single = runPipeline(pairs, threaded(1, 0, 4));
+    ASSERT_EQ(single.calls.size(), pairs.size());
+    EXPECT_EQ(single.readsDone, pairs.size());
     std::size_t called = 0;
     for (const auto& p : pairs) {
-        const auto found = run.calls.find(p.read_id1);
-        ASSERT_NE(found, run.calls.end()) << p.read_id1;
+        const auto found = single.calls.find(p.read_id1);
+        ASSERT_NE(found, single.calls.end()) << p.read_id1;
         ASSERT_EQ(found->second.size(), 1u) << p.read_id1;
         called += found->second.front().empty() ? 0 : 1;
     }
-    EXPECT_EQ(run.readsDone, pairs.size());
     // Chunks of the fake call are joined like real ones; a rare pair may fail to join, and it comes
     // back all the same, with an empty sequence.
     EXPECT_GE(called, pairs.size() * 9 / 10);
-    EXPECT_LE(run.maxLoaded, FileDataHandlerMD::kMaxLoaded);
+    // Four callers of two threads, slowed so that their queues fill and refuse reads.
+    const std::uint64_t limit = 8;
+    const RunResult many = runPipeline(pairs, threaded(4, 2, limit, 1));
+    EXPECT_EQ(many.calls, single.calls);
+    EXPECT_LE(many.maxLoaded, FileDataHandlerMD::kMaxLoaded);
     // A caller takes a read only below its limit. One read of these (at most 2600 samples, 520
     // intervals of 54 new ones per chunk) brings at most 10 chunks, one more if the chunker adds one,
     // and one more for a split.
-    EXPECT_LE(run.maxChunks, limit - 1 + 12);
+    EXPECT_LE(many.maxChunks, limit - 1 + 12);
+    const RunResult none = runPipeline({}, threaded(2, 1, 4));  // zero pairs end the run at once
+    EXPECT_TRUE(none.calls.empty());
+    EXPECT_EQ(none.readsDone, 0u);
 }
 
-TEST(Pipeline, CallsDoNotDependOnTheNumberOfCallersOrThreads) {
-    const std::vector<AsyncCaller::ReadPair> pairs(dataset().begin(), dataset().begin() + 60);
-    const RunResult single = runPipeline(pairs, 1, 0, 4, 0);
-    const RunResult many = runPipeline(pairs, 4, 2, 4, 0);
-    ASSERT_EQ(single.calls.size(), pairs.size());
-    EXPECT_EQ(single.calls, many.calls);
-}
+TEST(Pipeline, FailuresReachTheOwnerWithEveryLayersPrefix) {
+    const std::vector<AsyncCaller::ReadPair> pairs(dataset().begin(), dataset().begin() + 20);
+    const std::string prefix = "Exception thrown in ParallelCaller worker thread: Exception thrown in Caller worker "
+                               "thread: ";
+    // A failing chunk call surfaces on the owner, once, through every layer; the buffer's own
+    // failures take the same way from the caller's worker.
+    EXPECT_EQ(runPipeline(pairs, threaded(4, 2, 6, 0, /*failAt=*/5)).failure,
+              prefix + "Exception thrown in ChunkCallerMDCpu worker thread: injected chunk failure");
 
-TEST(Pipeline, ZeroPairsEndTheRunAtOnce) {
-    const RunResult run = runPipeline({}, 2, 1, 4, 0);
-    EXPECT_TRUE(run.calls.empty());
-    EXPECT_EQ(run.readsDone, 0u);
-
-    std::vector<int> scores(64 * 64, 0);
-    const AsyncCaller::PriorAligner aligner(Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000);
-    FileDataHandlerMD handler(kStride, aligner, 1, nullptr, 0);
+    // A caller of single reads cannot serve a pair handler; no worker starts.
+    const TestSupport::LabelAligner labels;
+    FileDataHandlerMD handler(kStride, labels.aligner, 1, nullptr, 0);
+    const Callers single{std::shared_ptr<ReadCaller>(buffered(std::make_unique<TestSupport::FakeEngine>(), 8, 0))};
+    EXPECT_EQ(TestSupport::ErrorOf([&] { ParallelCaller(&handler, nullptr, single); }),
+              "Caller dimensionality does not match data handler dimensionality.");
     EXPECT_TRUE(handler.IsActive());
     handler.NoMoreData();
     EXPECT_FALSE(handler.loadRead());

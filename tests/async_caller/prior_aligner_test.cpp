@@ -1,60 +1,33 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <map>
-#include <numeric>
-#include <random>
-#include <utility>
-#include <vector>
-
+#include "test_util.h"
 #include "async_caller/prior_aligner.h"
+#include "read_files.h"
 
 using AsyncCaller::PriorAligner;
 
-namespace {
-
-// Matching labels score 100, any mismatch `mismatch`.
-std::vector<int> labelScores(int mismatch = -100) {
-    std::vector<int> m(64 * 64, mismatch);
-    for (int i = 0; i < 64; ++i) {
-        m[i * 64 + i] = 100;
-    }
-    return m;
-}
-
-PriorAligner makeAligner(const std::vector<int>& scores) {
-    return PriorAligner(Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000);
-}
-
-}  // namespace
-
-TEST(PriorAligner, ExtraLabelsOnStrand2ShortenItsStretchFromTheEnd) {
-    const auto scores = labelScores();
-    PriorAligner aligner = makeAligner(scores);
+TEST(PriorAligner, ExtraLabelsAtEitherEndOfStrand2) {
+    TestSupport::LabelAligner a;
+    PriorAligner& aligner = a.aligner;
     std::mt19937 random(4);
     std::vector<std::int32_t> labels1(100);
-    for (auto& l : labels1) {
-        l = static_cast<std::int32_t>(random() % 64);
+    for (auto& l : labels1) l = static_cast<std::int32_t>(random() % 64);
+    // Strand 2's labels, in strand-1 orientation, begin with 5 that strand 1 lacks: in its own time
+    // order those are its last 50 samples, and the map (relative to the first aligned block of each
+    // strand) is still the identity. At the other end they start its stretch 50 samples later.
+    std::vector<std::int32_t> first = {1, 2, 3, 4, 5}, last = labels1;
+    first.insert(first.end(), labels1.begin(), labels1.end());
+    last.insert(last.end(), {1, 2, 3, 4, 5});
+    for (const auto& labels2 : {first, last}) {
+        ASSERT_TRUE(aligner.Compute(labels1, labels2, 10));
+        EXPECT_EQ(TestSupport::Fields(aligner.start1, aligner.length1, aligner.start2, aligner.length2),
+                  labels2 == first ? "0 1000 0 1000" : "0 1000 50 1000");
+        ASSERT_EQ(aligner.priorSamples.size(), 100u);
+        EXPECT_EQ(aligner.priorSamples[37], 370u);
     }
-    // Strand 2's labels, in strand-1 orientation, begin with 5 that strand 1 lacks; in its own time
-    // order those are its last 50 samples.
-    std::vector<std::int32_t> labels2 = {1, 2, 3, 4, 5};
-    labels2.insert(labels2.end(), labels1.begin(), labels1.end());
-    ASSERT_TRUE(aligner.Compute(labels1, labels2, 10));
-    EXPECT_EQ(aligner.start1, 0u);
-    EXPECT_EQ(aligner.length1, 1000u);
-    EXPECT_EQ(aligner.start2, 0u);
-    EXPECT_EQ(aligner.length2, 1000u);
-    // Positions are relative to the first aligned block of each strand: still the identity.
-    ASSERT_EQ(aligner.priorSamples.size(), 100u);
-    EXPECT_EQ(aligner.priorSamples[37], 370u);
-
-    // The same extra labels at the other end of strand 2 start its stretch 50 samples later.
-    std::vector<std::int32_t> labels3 = labels1;
-    labels3.insert(labels3.end(), {1, 2, 3, 4, 5});
-    ASSERT_TRUE(aligner.Compute(labels1, labels3, 10));
-    EXPECT_EQ(aligner.start2, 50u);
-    EXPECT_EQ(aligner.length2, 1000u);
+    // One matched entry is no usable alignment.
+    EXPECT_FALSE(aligner.Compute({5}, {5}, 10));
+    EXPECT_FALSE(aligner.Compute({5}, {1, 5, 9}, 10));
+    EXPECT_FALSE(aligner.Compute({}, {1, 2}, 10));
+    EXPECT_TRUE(aligner.Compute({5, 6}, {5, 6}, 10));
 }
 
 namespace {
@@ -95,9 +68,7 @@ void indelPair(std::mt19937& random, double rate, std::vector<std::int32_t>& lab
 // each entry stands at the middle of its part.
 std::vector<std::uint64_t> entryPositions(const std::vector<int>& blocks, std::uint64_t stride) {
     std::map<int, std::uint64_t> onBlock, seen;
-    for (const int b : blocks) {
-        ++onBlock[b];
-    }
+    for (const int b : blocks) ++onBlock[b];
     std::vector<std::uint64_t> positions;
     for (const int b : blocks) {
         const std::uint64_t part = stride / onBlock[b];
@@ -110,8 +81,8 @@ std::vector<std::uint64_t> entryPositions(const std::vector<int>& blocks, std::u
 
 TEST(PriorAligner, TheMapRunsThroughTheSharedOutBlocks) {
     // Mismatches far dearer than two gaps, so that the alignment is the one the labels were built with.
-    const auto scores = labelScores(-2000);
-    PriorAligner aligner = makeAligner(scores);
+    TestSupport::LabelAligner a(-2000);
+    PriorAligner& aligner = a.aligner;
     std::mt19937 random(8);
     for (int trial = 0; trial < 40; ++trial) {
         SCOPED_TRACE(trial);
@@ -142,20 +113,9 @@ TEST(PriorAligner, TheMapRunsThroughTheSharedOutBlocks) {
         for (std::size_t e = 0; e < aligner.priorSamples.size(); ++e) {
             const std::uint64_t p = e * aligner.priorStep;
             std::size_t k = 0;
-            while (k + 2 < xs.size() && xs[k + 1] <= p) {
-                ++k;
-            }
+            while (k + 2 < xs.size() && xs[k + 1] <= p) ++k;
             const std::uint64_t expected = ys[k] + (ys[k + 1] - ys[k]) * (p - xs[k]) / (xs[k + 1] - xs[k]);
             ASSERT_EQ(aligner.priorSamples[e], expected) << "sample " << p;
         }
     }
-}
-
-TEST(PriorAligner, OneMatchedEntryIsNoUsableAlignment) {
-    const auto scores = labelScores();
-    PriorAligner aligner = makeAligner(scores);
-    EXPECT_FALSE(aligner.Compute({5}, {5}, 10));
-    EXPECT_FALSE(aligner.Compute({5}, {1, 5, 9}, 10));
-    EXPECT_FALSE(aligner.Compute({}, {1, 2}, 10));
-    EXPECT_TRUE(aligner.Compute({5, 6}, {5, 6}, 10));
 }

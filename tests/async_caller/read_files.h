@@ -2,15 +2,9 @@
 // Small read files for the loading tests, written with the storage layer's write half, and a scratch
 // directory that goes away with the test program.
 
-#include <stdlib.h>
+#include "test_util.h"
 
-#include <cstdint>
 #include <filesystem>
-#include <memory>
-#include <random>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "data_api/analysis_data.h"
 #include "data_api/data_table.h"
@@ -18,31 +12,38 @@
 #include "data_api/h5_object.h"
 #include "data_api/rawh5_read_source.h"
 #include "data_api/read_data.h"
+#include "async_caller/prior_aligner.h"
+#include "async_caller/read_pair.h"
 
 namespace TestSupport {
 
-class ScratchDir {
-public:
+struct ScratchDir {
+    std::string path = (std::filesystem::temp_directory_path() / "kvx_async_caller_XXXXXX").string();
     ScratchDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kvx_async_caller_XXXXXX").string();
-        if (mkdtemp(&pattern[0]) == nullptr) {
-            throw std::runtime_error("cannot make a scratch directory");
-        }
-        path = pattern;
+        if (mkdtemp(&path[0]) == nullptr) throw std::runtime_error("cannot make a scratch directory");
     }
     ~ScratchDir() {
         std::error_code ignored;
         std::filesystem::remove_all(path, ignored);
     }
     std::string File(const std::string& name) const { return path + "/" + name; }
-
-    std::string path;
 };
 
 inline ScratchDir& Scratch() {
     static ScratchDir dir;
     return dir;
 }
+
+// A prior aligner over labels that score 100 when they match and `mismatch` otherwise.
+struct LabelAligner {
+    explicit LabelAligner(int mismatch = -100) : scores(64 * 64, mismatch) {}
+    std::vector<int> scores;
+    const bool diagonal = [this] {  // before the aligner takes the table
+        for (int i = 0; i < 64; ++i) scores[i * 64 + i] = 100;
+        return true;
+    }();
+    AsyncCaller::PriorAligner aligner{Common::MatView<const int>(scores.data(), 64, 64, 64, 1), 500, 300, 1000};
+};
 
 // What one read of a file holds. The defaults make a read that loads: one block of 10 samples per
 // move, a segmentation covering all blocks after `first_sample`.
@@ -67,26 +68,16 @@ struct ReadRecipe {
 };
 
 inline DataAPI::ReadMetadata readMetadata(const ReadRecipe& recipe) {
-    return {
-        {"raw_data",
-         {{"read_id", recipe.id},
-          {"duration", static_cast<unsigned int>(recipe.samples.size())},
-          {"read_number", 17u},
-          {"start_time", static_cast<unsigned long>(recipe.start_time)},
-          {"start_mux", 1u},
-          {"median_before", 220.0}}},
-        {"channel_id",
-         {{"digitisation", 8192.0},
-          {"offset", 10.0},
-          {"range", 1400.0},
-          {"sampling_rate", 4000.0},
-          {"channel_number", recipe.channel_number}}},
-        {"tracking_id",
-         {{"run_id", std::string("run-1")},
-          {"flow_cell_id", std::string("FC-1")},
-          {"sample_id", std::string("sample-1")},
-          {"exp_start_time", std::string("2017-06-01T10:00:00Z")}}},
-    };
+    return {{"raw_data",
+             {{"read_id", recipe.id}, {"duration", static_cast<unsigned int>(recipe.samples.size())},
+              {"read_number", 17u}, {"start_time", static_cast<unsigned long>(recipe.start_time)},
+              {"start_mux", 1u}, {"median_before", 220.0}}},
+            {"channel_id",
+             {{"digitisation", 8192.0}, {"offset", 10.0}, {"range", 1400.0}, {"sampling_rate", 4000.0},
+              {"channel_number", recipe.channel_number}}},
+            {"tracking_id",
+             {{"run_id", std::string("run-1")}, {"flow_cell_id", std::string("FC-1")},
+              {"sample_id", std::string("sample-1")}, {"exp_start_time", std::string("2017-06-01T10:00:00Z")}}}};
 }
 
 inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadRecipe& recipe) {
@@ -103,13 +94,9 @@ inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadRecipe& reci
                             static_cast<long>(recipe.duration_template ? recipe.duration_template
                                                                       : static_cast<std::int64_t>(blocks * 10))}}}});
     }
-    if (!recipe.basecall) {
-        return;
-    }
+    if (!recipe.basecall) return;
     auto analysis = read->CreateAnalysis("Basecall_1D", {});
-    if (recipe.move) {
-        analysis->CreateDataSet("BaseCalled_template/Move", DataAPI::DataView::Of(recipe.moves), {});
-    }
+    if (recipe.move) analysis->CreateDataSet("BaseCalled_template/Move", DataAPI::DataView::Of(recipe.moves), {});
     if (recipe.fastq) {
         const std::string text = !recipe.fastq_text.empty() ? recipe.fastq_text
                                                             : "@" + recipe.id + "\n" + recipe.sequence + "\n+\n" +
@@ -128,17 +115,13 @@ inline void writeRead(DataAPI::Rawh5::ReadSource& source, const ReadRecipe& reci
         analysis->CreateDataSet("BaseCalled_template/Events", events.View(), {});
     }
     DataAPI::AttributeMap tmpl = {{"mean_qscore", 10.0f}};
-    if (recipe.block_stride) {
-        tmpl["block_stride"] = static_cast<long>(recipe.block_stride_value);
-    }
+    if (recipe.block_stride) tmpl["block_stride"] = static_cast<long>(recipe.block_stride_value);
     analysis->SetSummary(DataAPI::ReturnStatus::Successful, {{"basecall_1d_template", tmpl}});
 }
 
 inline std::string reverseComplement(const std::string& s) {
     std::string out(s.rbegin(), s.rend());
-    for (char& c : out) {
-        c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
-    }
+    for (char& c : out) c = c == 'A' ? 'T' : c == 'C' ? 'G' : c == 'G' ? 'C' : 'A';
     return out;
 }
 
@@ -155,9 +138,7 @@ inline void pairSpecs(const std::string& id, const std::string& bases, std::mt19
         recipe.moves.push_back(1);
         for (std::size_t b = 5; b < seq.size(); ++b) {
             recipe.moves.push_back(1);
-            if (stays && b % 37 == 0) {
-                recipe.moves.push_back(0);
-            }
+            if (stays && b % 37 == 0) recipe.moves.push_back(0);
         }
         recipe.first_sample = 100;
         recipe.samples.assign(100 + recipe.moves.size() * 10 + 50, 0);
@@ -172,10 +153,32 @@ inline void pairSpecs(const std::string& id, const std::string& bases, std::mt19
 inline std::string randomBases(std::size_t n, std::mt19937& random) {
     std::uniform_int_distribution<int> base(0, 3);
     std::string s(n, 'A');
-    for (char& c : s) {
-        c = "ACGT"[base(random)];
-    }
+    for (char& c : s) c = "ACGT"[base(random)];
     return s;
+}
+
+inline std::vector<std::string> randomMolecules(int count, std::size_t length, std::mt19937& random) {
+    std::vector<std::string> out;
+    for (int i = 0; i < count; ++i) out.push_back(randomBases(length, random));
+    return out;
+}
+
+// Writes a pair of reads of each molecule to a new file, named <prefix><i>_1 and _2; `damage` may
+// spoil a pair before it is written.
+inline std::vector<AsyncCaller::ReadPair> writePairs(
+    const std::string& path, const std::string& prefix, const std::vector<std::string>& molecules,
+    std::mt19937& random, const std::function<void(std::size_t, ReadRecipe&, ReadRecipe&)>& damage = {}) {
+    std::vector<AsyncCaller::ReadPair> pairs;
+    DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
+    for (std::size_t i = 0; i < molecules.size(); ++i) {
+        ReadRecipe one, two;
+        pairSpecs(prefix + std::to_string(i), molecules[i], random, one, two);
+        if (damage) damage(i, one, two);
+        writeRead(source, one);
+        writeRead(source, two);
+        pairs.push_back({path, path, one.id, two.id});
+    }
+    return pairs;
 }
 
 }  // namespace TestSupport
