@@ -1,18 +1,9 @@
 #!/usr/bin/python3
-"""Writes the model-file fixtures of the network runtime tests and the posteriors that numpy computes
-for them, in double precision, from the file contents alone.
-
-Run from anywhere with /usr/bin/python3 (needs python3-numpy); it rewrites the files beside it:
-  dialect_tessel.json, dialect_quorlet.json    one raw network in both dialects
-  dialect_input.txt                             its input samples
-  dialect_expected.txt                          its posteriors (no-base column last)
-  dialect_expected_temp.txt                     the same with temp_weight 0.8 and temp_bias 1.25
-  tessel_gru_variants.json, _input.txt, _expected.txt
-                                                residual and reset-after-product GRU layers
-  tessel_globalnorm.json, _input.txt, _expected.txt
-                                                a flip-flop style output layer
-Matrices are text: "rows cols" on the first line, then one row per line.
-The random generator is seeded, so the files only change when this script does.
+"""Writes the model-file fixtures of the network runtime tests beside this script, with the posteriors
+numpy computes for them in double precision from the file contents alone: one raw network in both
+dialects (dialect_*, with and without temperatures), GRU forms only Tessel has (tessel_gru_variants_*)
+and a flip-flop style output (tessel_globalnorm_*). Matrices are text, "rows cols" and then one row a
+line. Seeded, so the files change only when this script does. Run with /usr/bin/python3 (numpy).
 """
 import json
 import os
@@ -29,8 +20,7 @@ def f32(a):
 
 
 def rand(*shape, scale=None):
-    fan_in = shape[-1] if len(shape) > 1 else 1
-    s = scale if scale is not None else 1.0 / np.sqrt(fan_in)
+    s = scale if scale is not None else 1.0 / np.sqrt(shape[-1] if len(shape) > 1 else 1)
     return f32(rng.uniform(-1.5 * s, 1.5 * s, size=shape))
 
 
@@ -43,57 +33,43 @@ def sigmoid(x):
     return 1.0 / (1.0 + np.exp(-x))
 
 
-# ----------------------------------------------------------------------------------------------
 # Reference layers, in the natural form: a matrix per gate, out x in.
 
 def conv(x, W, b, winlen, stride, pad_left, pad_right, act):
     """x: rows x insize; W: size x winlen x insize."""
-    rows, insize = x.shape
-    xp = np.vstack([np.zeros((pad_left, insize)), x, np.zeros((pad_right, insize))])
-    nout = (pad_left + pad_right - (winlen - rows)) // stride + 1
-    out = np.empty((nout, W.shape[0]))
-    for t in range(nout):
-        window = xp[t * stride: t * stride + winlen]
-        out[t] = np.einsum('owi,wi->o', W, window) + b
-    return act(out)
+    xp = np.vstack([np.zeros((pad_left, x.shape[1])), x, np.zeros((pad_right, x.shape[1]))])
+    nout = (pad_left + pad_right - (winlen - x.shape[0])) // stride + 1
+    return act(np.array([np.einsum('owi,wi->o', W, xp[t * stride: t * stride + winlen]) + b for t in range(nout)]))
+
+
+def scan(x, H, step, reverse):
+    """Runs step(x_t, state) -> (output, state) over the rows, from zero state."""
+    out, state = np.empty((x.shape[0], H)), (np.zeros(H), np.zeros(H))
+    for t in (range(x.shape[0] - 1, -1, -1) if reverse else range(x.shape[0])):
+        out[t], state = step(x[t], state)
+    return out
 
 
 def gru(x, g, reverse=False, reset_after=False, residual=False):
-    """g: dict of Wr, Wz, Wn (H x in), Ur, Uz, Un (H x H), br, bz, bn."""
-    H = g['Wr'].shape[0]
-    h = np.zeros(H)
-    out = np.empty((x.shape[0], H))
-    order = range(x.shape[0] - 1, -1, -1) if reverse else range(x.shape[0])
-    for t in order:
-        xt = x[t]
+    def step(xt, state):
+        h = state[0]
         r = sigmoid(g['Wr'] @ xt + g['Ur'] @ h + g['br'])
         z = sigmoid(g['Wz'] @ xt + g['Uz'] @ h + g['bz'])
-        if reset_after:
-            n = np.tanh(g['Wn'] @ xt + g['bn'] + r * (g['Un'] @ h))
-        else:
-            n = np.tanh(g['Wn'] @ xt + g['bn'] + g['Un'] @ (r * h))
+        n = np.tanh(g['Wn'] @ xt + g['bn'] + (r * (g['Un'] @ h) if reset_after else g['Un'] @ (r * h)))
         h = z * h + (1.0 - z) * n
-        out[t] = h + xt if residual else h
-    return out
+        return (h + xt if residual else h), (h, None)
+    return scan(x, g['Wr'].shape[0], step, reverse)
 
 
 def lstm(x, g, reverse=False):
-    """g: W?, U?, b? for ? in i f o c, and peepholes pi, pf, po."""
-    H = g['Wi'].shape[0]
-    h = np.zeros(H)
-    c = np.zeros(H)
-    out = np.empty((x.shape[0], H))
-    order = range(x.shape[0] - 1, -1, -1) if reverse else range(x.shape[0])
-    for t in order:
-        xt = x[t]
+    def step(xt, state):
+        h, c = state
         f = sigmoid(g['Wf'] @ xt + g['Uf'] @ h + g['bf'] + g['pf'] * c)
         i = sigmoid(g['Wi'] @ xt + g['Ui'] @ h + g['bi'] + g['pi'] * c)
-        cand = np.tanh(g['Wc'] @ xt + g['Uc'] @ h + g['bc'])
-        c = f * c + i * cand
-        o = sigmoid(g['Wo'] @ xt + g['Uo'] @ h + g['bo'] + g['po'] * c)
-        h = o * np.tanh(c)
-        out[t] = h
-    return out
+        c = f * c + i * np.tanh(g['Wc'] @ xt + g['Uc'] @ h + g['bc'])
+        h = sigmoid(g['Wo'] @ xt + g['Uo'] @ h + g['bo'] + g['po'] * c) * np.tanh(c)
+        return h, (h, c)
+    return scan(x, g['Wi'].shape[0], step, reverse)
 
 
 def dense(x, W, b, act):
@@ -109,27 +85,15 @@ def elu(x):
     return np.where(x < 0, np.exp(x) - 1.0, x)
 
 
-def make_gru(insize, H):
+def make_gates(insize, H, keys, peeps=''):
     g = {}
-    for k in 'rzn':
-        g['W' + k] = rand(H, insize)
-        g['U' + k] = rand(H, H)
-        g['b' + k] = rand(H, scale=0.5)
-    return g
-
-
-def make_lstm(insize, H):
-    g = {}
-    for k in 'ifoc':
-        g['W' + k] = rand(H, insize)
-        g['U' + k] = rand(H, H)
-        g['b' + k] = rand(H, scale=0.5)
-    for k in 'ifo':
+    for k in keys:
+        g['W' + k], g['U' + k], g['b' + k] = rand(H, insize), rand(H, H), rand(H, scale=0.5)
+    for k in peeps:
         g['p' + k] = rand(H, scale=0.5)
     return g
 
 
-# ----------------------------------------------------------------------------------------------
 # Writers. Tessel: GRU blocks reset, update, candidate with sW = [reset; update] and sW2 = candidate;
 # LSTM blocks cell, input, forget, output and peepholes input, forget, output. Quorlet: the same
 # block orders in "input", "internal" (LSTM peepholes behind the state weights) and "bias", with the
@@ -153,41 +117,14 @@ def tessel_lstm(insize, g):
                        "p": tolist(np.concatenate([g['pi'], g['pf'], g['po']]))}}
 
 
-def interleave(blocks_fwd, blocks_bwd):
-    out = []
-    for f, b in zip(blocks_fwd, blocks_bwd):
-        out += [np.ravel(f), np.ravel(b)]
-    return np.concatenate(out)
-
-
-def quorlet_gru_weights(gs):
-    keys = 'rzn'
-    if len(gs) == 1:
-        g = gs[0]
-        return {"input": tolist(np.concatenate([np.ravel(g['W' + k]) for k in keys])),
-                "internal": tolist(np.concatenate([np.ravel(g['U' + k]) for k in keys])),
-                "bias": tolist(np.concatenate([g['b' + k] for k in keys]))}
-    f, b = gs
-    return {"input": tolist(interleave([f['W' + k] for k in keys], [b['W' + k] for k in keys])),
-            "internal": tolist(interleave([f['U' + k] for k in keys], [b['U' + k] for k in keys])),
-            "bias": tolist(interleave([f['b' + k] for k in keys], [b['b' + k] for k in keys]))}
-
-
-def quorlet_lstm_weights(gs):
-    keys = 'cifo'
-    peeps = 'ifo'
-    if len(gs) == 1:
-        g = gs[0]
-        return {"input": tolist(np.concatenate([np.ravel(g['W' + k]) for k in keys])),
-                "internal": tolist(np.concatenate([np.ravel(g['U' + k]) for k in keys] +
-                                                  [g['p' + k] for k in peeps])),
-                "bias": tolist(np.concatenate([g['b' + k] for k in keys]))}
-    f, b = gs
-    return {"input": tolist(interleave([f['W' + k] for k in keys], [b['W' + k] for k in keys])),
-            "internal": tolist(np.concatenate([interleave([f['U' + k] for k in keys], [b['U' + k] for k in keys]),
-                                               interleave([f['p' + k] for k in peeps],
-                                                          [b['p' + k] for k in peeps])])),
-            "bias": tolist(interleave([f['b' + k] for k in keys], [b['b' + k] for k in keys]))}
+def quorlet_weights(gs, keys, peeps=''):
+    """The directions of a bidirectional layer interleave block by block; LSTM peepholes follow the
+    state weights in "internal"."""
+    def blocks(prefix, ks):
+        return np.concatenate([np.ravel(g[prefix + k]) for k in ks for g in gs])
+    return {"input": tolist(blocks('W', keys)),
+            "internal": tolist(np.concatenate([blocks('U', keys), blocks('p', peeps)] if peeps else [blocks('U', keys)])),
+            "bias": tolist(blocks('b', keys))}
 
 
 def write_json(name, doc):
@@ -203,7 +140,6 @@ def write_matrix(name, m):
             fh.write(' '.join('%.9e' % v for v in row) + '\n')
 
 
-# ----------------------------------------------------------------------------------------------
 # One raw network in both dialects: convolution (stride 2, odd padding), bidirectional GRU,
 # reversed LSTM of 12, bidirectional LSTM, GRU, feed-forward elu, softmax of 65.
 
@@ -211,10 +147,10 @@ def dialect_network():
     winlen, stride, pad = 5, 2, (2, 1)
     conv_W = rand(6, winlen, 1, scale=0.8)
     conv_b = rand(6, scale=0.3)
-    bgru = [make_gru(6, 5), make_gru(6, 5)]
-    rlstm = make_lstm(10, 12)
-    blstm = [make_lstm(12, 8), make_lstm(12, 8)]
-    fgru = make_gru(16, 7)
+    bgru = [make_gates(6, 5, 'rzn'), make_gates(6, 5, 'rzn')]
+    rlstm = make_gates(10, 12, 'ifoc', 'ifo')
+    blstm = [make_gates(12, 8, 'ifoc', 'ifo'), make_gates(12, 8, 'ifoc', 'ifo')]
+    fgru = make_gates(16, 7, 'rzn')
     ff_W, ff_b = rand(9, 7), rand(9, scale=0.5)
     sm_W, sm_b = rand(65, 9, scale=1.0), rand(65, scale=0.5)
 
@@ -266,10 +202,10 @@ def dialect_network():
         ],
         "weights": {
             "conv": {"input": tolist(np.ravel(conv_W)), "bias": tolist(conv_b)},
-            "bgru": quorlet_gru_weights(bgru),
-            "rlstm": quorlet_lstm_weights([rlstm]),
-            "blstm": quorlet_lstm_weights(blstm),
-            "gru": quorlet_gru_weights([fgru]),
+            "bgru": quorlet_weights(bgru, 'rzn'),
+            "rlstm": quorlet_weights([rlstm], 'cifo', 'ifo'),
+            "blstm": quorlet_weights(blstm, 'cifo', 'ifo'),
+            "gru": quorlet_weights([fgru], 'rzn'),
             "ff": {"input": tolist(np.ravel(ff_W)), "bias": tolist(ff_b)},
             "out": {"input": tolist(np.ravel(sm_W)), "bias": tolist(sm_b)},
         }}
@@ -284,8 +220,8 @@ def dialect_network():
 # reverse, both after a convolution, and a softmax of 5 (one-base labels); with a transducer flag.
 def gru_variants_network():
     conv_W, conv_b = rand(8, 3, 1, scale=0.8), rand(8, scale=0.3)
-    res = make_gru(8, 8)
-    mod = make_gru(8, 3)
+    res = make_gates(8, 8, 'rzn')
+    mod = make_gates(8, 3, 'rzn')
     sm_W, sm_b = rand(5, 3, scale=1.0), rand(5, scale=0.5)
     x = f32(rng.normal(size=(20, 1)))
     y = conv(x, conv_W, conv_b, 3, 1, 1, 1, np.tanh)
