@@ -38,11 +38,8 @@ struct Gate {
     }
     // The loader's view: insize by size over the out x in array.
     GateParams params() const {
-        GateParams g;
-        g.iW = Common::MatView<const float>(W.data(), in, out, 1, in);
-        g.sW = Common::MatView<const float>(U.data(), out, out, 1, out);
-        g.bias = Common::VecView<const float>(b.data(), out, 1);
-        return g;
+        return {Common::MatView<const float>(W.data(), in, out, 1, in), Common::MatView<const float>(U.data(), out, out, 1, out),
+                Common::VecView<const float>(b.data(), out, 1)};
     }
     // W x + U h + b, with the bias and either part left out on request.
     std::vector<double> affine(const std::vector<double>* x, const std::vector<double>* h, bool bias = true) const {

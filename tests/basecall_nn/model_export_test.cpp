@@ -11,6 +11,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <rapidjson/document.h>
@@ -26,12 +27,6 @@ using namespace BasecallNN;
 namespace {
 
 const char* kRegenerate = "; if the shipped model changed, rerun tools/training/make_export_fixture.py";
-
-std::vector<float> floats(const rapidjson::Value& array) {
-    std::vector<float> out;
-    for (const auto& v : array.GetArray()) out.push_back(static_cast<float>(v.GetDouble()));
-    return out;
-}
 
 // Posteriors are compared relative to their size, with an absolute floor for the tiny ones: float
 // rounding differs between torch and CBLAS, and the recurrent layers carry it along. The largest
@@ -59,21 +54,19 @@ TEST(ModelExportTest, RunnerGivesTheTrainingPosteriorsAndPath) {
     rapidjson::Document fixture;
     fixture.Parse(text.str().c_str());
     ASSERT_TRUE(!fixture.HasParseError() && fixture.IsObject()) << "export_fixture.json is missing or not JSON";
-    std::vector<float> input = floats(fixture["input"]);
+    std::vector<float> input;
+    for (const auto& v : fixture["input"].GetArray()) input.push_back(static_cast<float>(v.GetDouble()));
     const int rows = fixture["rows"].GetInt(), cols = fixture["cols"].GetInt();
     ASSERT_EQ(cols, 1025);
     // ceil(samples / 3) rows: the padding of the convolution keeps every sample of a chunk.
     ASSERT_EQ(rows, static_cast<int>((input.size() + 2) / 3));
 
     NNLoader loader(std::string(KVX_SOURCE_DIR) + "/data/" + fixture["model"].GetString());
-    EXPECT_EQ(loader.GetDecodeType(), kTransducer);
-    EXPECT_EQ(loader.GetEventStride(), 3u);
-    EXPECT_EQ(loader.GetLablLength(), 5u);
-    EXPECT_TRUE(loader.IsRawModel());
+    EXPECT_EQ(std::make_tuple(loader.GetDecodeType(), loader.GetEventStride(), loader.GetLablLength(), loader.IsRawModel()),
+              std::make_tuple(kTransducer, std::uint64_t{3}, std::uint64_t{5}, true));
     auto caller = std::make_shared<NNCallerCblas>();
     loader.LoadInto(*caller);
-    EXPECT_EQ(caller->label_state, 1024);
-    EXPECT_EQ(caller->event_stride, 3);
+    EXPECT_EQ(std::make_pair(caller->label_state, caller->event_stride), std::make_pair(1024, 3));
     const auto runner = caller->CreateRunner(caller, static_cast<int>(input.size()));
 
     Common::MatView<float> in = runner->InputView();

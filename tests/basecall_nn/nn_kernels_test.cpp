@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
-#include <string>
+#include <tuple>
 #include <vector>
 
 using BasecallNN::kernels::KernelSet;
@@ -59,21 +59,18 @@ TEST(NNKernelsTest, EverySetMatchesTheReference) {
                     ASSERT_NEAR(act[a][i], want[a], 4e-7 * std::fabs(want[a]) + 1.2e-7) << a << " n=" << n << " x=" << v;
             }
             // Arithmetic is never contracted into fused multiply-adds, so it is exact.
-            std::vector<float> sum = x, prod = x, fma = x, p(n), h = y;
-            k->add(sum.data(), y.data(), n);
-            k->multiply(prod.data(), z.data(), n);
-            k->addMultiply(fma.data(), y.data(), z.data(), n);
-            k->product(p.data(), x.data(), y.data(), n);
-            k->interpolate(h.data(), z.data(), x.data(), n);
+            std::vector<std::vector<float>> got = {x, x, x, std::vector<float>(n), y}, want = got;
+            k->add(got[0].data(), y.data(), n);
+            k->multiply(got[1].data(), z.data(), n);
+            k->addMultiply(got[2].data(), y.data(), z.data(), n);
+            k->product(got[3].data(), x.data(), y.data(), n);
+            k->interpolate(got[4].data(), z.data(), x.data(), n);
             for (std::size_t i = 0; i < n; ++i) {
-                ASSERT_EQ(sum[i], x[i] + y[i]);
-                ASSERT_EQ(prod[i], x[i] * z[i]);
-                const float yz = y[i] * z[i];
-                ASSERT_EQ(fma[i], x[i] + yz);
-                ASSERT_EQ(p[i], x[i] * y[i]);
-                const float d = y[i] - x[i], zd = z[i] * d;
-                ASSERT_EQ(h[i], zd + x[i]);
+                const float yz = y[i] * z[i], zd = z[i] * (y[i] - x[i]);
+                std::tie(want[0][i], want[1][i], want[2][i], want[3][i], want[4][i]) =
+                    std::make_tuple(x[i] + y[i], x[i] * z[i], x[i] + yz, x[i] * y[i], zd + x[i]);
             }
+            ASSERT_EQ(got, want) << "n=" << n;
         }
     }
 }
@@ -107,11 +104,8 @@ TEST(NNKernelsTest, MatVecIsTheOrderedSumInEverySet) {
                     float* both[2] = {pair1.data(), pair2.data()};
                     set->matVec(W.data(), ldw, k, n, x, single, 1, add);
                     set->matVec(W.data(), ldw, k, n, x, both, 2, add);
-                    const std::string where = std::string(set->name) + " k=" + std::to_string(k) +
-                                              " n=" + std::to_string(n) + " add=" + std::to_string(add);
-                    EXPECT_EQ(one, want1) << where;
-                    EXPECT_EQ(pair1, want1) << where;
-                    EXPECT_EQ(pair2, want2) << where;
+                    EXPECT_EQ(std::tie(one, pair1, pair2), std::tie(want1, want1, want2))
+                        << set->name << " k=" << k << " n=" << n << " add=" << add;
                 }
             }
         }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "basecall_nn/nn_caller_cblas.h"
@@ -167,8 +168,9 @@ TEST(NNLoaderTest, QueriesAndFeatureSettings) {
     struct Case {
         std::string json;
         bool raw;
-        std::size_t stride, labl;
-        int decode, feature;
+        std::uint64_t stride, labl;
+        DecodeType decode;
+        int feature;
         std::vector<std::int32_t> window;
         int left, right;
     };
@@ -195,19 +197,14 @@ TEST(NNLoaderTest, QueriesAndFeatureSettings) {
         SCOPED_TRACE(c.json.substr(0, 120));
         TempFile file(c.json);
         NNLoader loader(file.path);
-        EXPECT_EQ(loader.IsRawModel(), c.raw);
-        EXPECT_EQ(loader.GetEventStride(), c.stride);
-        EXPECT_EQ(loader.GetLablLength(), c.labl);
-        EXPECT_EQ(loader.GetDecodeType(), c.decode);
+        EXPECT_EQ(std::make_tuple(loader.IsRawModel(), loader.GetEventStride(), loader.GetLablLength(), loader.GetDecodeType()),
+                  std::make_tuple(c.raw, c.stride, c.labl, c.decode));
         NNCallerCblas network;
         network.feature_kind = 7;
         network.window_left = 2;
         loader.LoadInto(network);
-        EXPECT_EQ(network.feature_kind, c.feature);
-        EXPECT_EQ(network.decode_type, c.decode);
-        EXPECT_EQ(network.window, c.window);
-        EXPECT_EQ(network.window_left, c.left);
-        EXPECT_EQ(network.window_right, c.right);
+        EXPECT_EQ(std::tie(network.feature_kind, network.decode_type, network.window, network.window_left, network.window_right),
+                  std::tie(c.feature, c.decode, c.window, c.left, c.right));
         EXPECT_EQ(network.event_stride, static_cast<int>(c.stride));
     }
     for (const int size : {2, 6, 18, 33}) {

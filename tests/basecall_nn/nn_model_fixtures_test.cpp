@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <string>
+#include <tuple>
 
 #include "basecall_nn/nn_caller_cblas.h"
 #include "basecall_nn/nn_loader.h"
@@ -41,7 +42,8 @@ TEST(ModelFixturesTest, EveryFixtureGivesTheNumpyPosteriors) {
     struct Case {
         const char *file, *input, *expected;
         float tempWeight, tempBias;
-        int decode, labl, stride, states;
+        DecodeType decode;
+        int labl, stride, states;
     };
     const Case cases[] = {
         {"dialect_tessel.json", "dialect_input.txt", "dialect_expected.txt", 1, 1, kNontransducer, 3, 2, 65},
@@ -57,18 +59,14 @@ TEST(ModelFixturesTest, EveryFixtureGivesTheNumpyPosteriors) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file + std::string(" ") + c.expected);
         NNLoader loader(nn_test::DataPath(c.file), c.tempWeight, c.tempBias);
-        EXPECT_EQ(loader.GetDecodeType(), c.decode);
-        EXPECT_EQ(loader.GetLablLength(), static_cast<std::size_t>(c.labl));
-        EXPECT_EQ(loader.GetEventStride(), static_cast<std::size_t>(c.stride));
-        EXPECT_TRUE(loader.IsRawModel());
+        EXPECT_EQ(std::make_tuple(loader.GetDecodeType(), loader.GetLablLength(), loader.GetEventStride(), loader.IsRawModel()),
+                  std::make_tuple(c.decode, std::uint64_t(c.labl), std::uint64_t(c.stride), true));
         NNCallerCblas network;
         loader.LoadInto(network);
-        EXPECT_EQ(network.num_states, c.states);
-        EXPECT_EQ(network.label_state, c.states == 40 ? 4 : c.states - 1);  // flip-flop: the base count
-        EXPECT_EQ(network.window, std::vector<std::int32_t>{0});
-        EXPECT_EQ(network.decode_type, c.decode);
-        EXPECT_EQ(network.event_stride, c.stride);
-        EXPECT_EQ(network.feature_kind, kFeaturesRaw);
+        // The label state of a flip-flop output is its base count.
+        EXPECT_EQ(std::make_tuple(network.num_states, network.label_state, network.decode_type, network.event_stride),
+                  std::make_tuple(c.states, c.states == 40 ? 4 : c.states - 1, int(c.decode), c.stride));
+        EXPECT_EQ(std::make_pair(network.window, network.feature_kind), std::make_pair(std::vector<std::int32_t>{0}, int(kFeaturesRaw)));
         const Matrix got = run(loader, c.input);
         EXPECT_LT(maxRelativeError(got, ReadMatrix(c.expected)), 2e-5);
         // The same weights in the same places: both dialects agree exactly, and so does a second load.

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <string>
 #include <tuple>
@@ -185,11 +186,8 @@ TEST(NNRunnerCblas, TransducerCallGivesPathStaysAndQuality) {
     for (std::size_t i = 0; i < n; ++i) {
         EXPECT_EQ(runner->statePosteriors[i], runner->posteriors(i, states[i]));
         // Each position's four base probabilities add up to the row's mass, 1.
-        for (int p = 0; p < 3; ++p) {
-            float sum = 0;
-            for (int b = 0; b < 4; ++b) sum += runner->qualityData[i * 12 + 4 * p + b];
-            EXPECT_NEAR(sum, 1.0f, 1e-5f);
-        }
+        for (std::size_t p = i * 12; p < i * 12 + 12; p += 4)
+            EXPECT_NEAR(std::accumulate(&runner->qualityData[p], &runner->qualityData[p] + 4, 0.0f), 1.0f, 1e-5f);
     }
     EXPECT_EQ(runner->pathStates, runner->states);
     EXPECT_EQ(runner->pathViews.size(), n);
@@ -279,9 +277,8 @@ TEST(NNRunnerCblas, EventModelReadsWindowedFeatures) {
     m->window = {-1, 0, 1};
     auto runner = runnerFor(m, 50);
     EventData<Deep> ev(30);
-    for (std::size_t i = 0; i < 30; ++i) {
+    for (std::size_t i = 0; i < 30; ++i)
         std::tie(ev.mean[i], ev.stdv[i], ev.length[i], ev.start[i]) = std::make_tuple(80 + i % 7, 1 + i % 3, 10 + i % 5, 12 * i);
-    }
     // Level, spread and dwell of each event, each studentised over the strand, at offsets -1, 0, 1,
     // with zeros beyond the ends.
     nn_test::Matrix input(30, 9);
@@ -367,19 +364,15 @@ TEST(NNRunnerCblas, CallPairIsTwoCallsBitForBit) {
                 SCOPED_TRACE(std::string(set->name) + " trial " + std::to_string(trial) + " strand " + std::to_string(s));
                 const CallResult want = call(*alone, raw[s], (n[s] + 1) / 2);
                 const NNRunnerCblas& got = *runners[s];
-                ASSERT_EQ(got.posteriors.rows, alone->posteriors.rows);
-                ASSERT_EQ(got.posteriors.cols, alone->posteriors.cols);
+                ASSERT_EQ(std::make_pair(got.posteriors.rows, got.posteriors.cols),
+                          std::make_pair(alone->posteriors.rows, alone->posteriors.cols));
                 for (std::size_t r = 0; r < got.posteriors.rows; ++r)
                     for (std::size_t c = 0; c < got.posteriors.cols; ++c)
                         ASSERT_EQ(got.posteriors(r, c), alone->posteriors(r, c)) << r << "," << c;
-                EXPECT_EQ(got.score, alone->score);
-                EXPECT_EQ(got.states, alone->states);
-                EXPECT_EQ(got.moves, alone->moves);
-                EXPECT_EQ(got.weights, alone->weights);
-                EXPECT_EQ(got.qualityData, alone->qualityData);
-                EXPECT_EQ(pair[s].events.size(), want.events.size());
-                EXPECT_EQ(pair[s].trans.stay, want.trans.stay);
-                EXPECT_EQ(pair[s].trans.skip, want.trans.skip);
+                EXPECT_EQ(std::tie(got.score, got.states, got.moves, got.weights, got.qualityData),
+                          std::tie(alone->score, alone->states, alone->moves, alone->weights, alone->qualityData));
+                EXPECT_EQ(std::make_tuple(pair[s].events.size(), pair[s].trans.stay, pair[s].trans.skip),
+                          std::make_tuple(want.events.size(), want.trans.stay, want.trans.skip));
             }
         }
     }

@@ -127,17 +127,19 @@ def quorlet_weights(gs, keys, peeps=''):
             "bias": tolist(blocks('b', keys))}
 
 
-def write_json(name, doc):
-    with open(os.path.join(HERE, name), 'w') as fh:
-        json.dump(doc, fh, separators=(',', ':'))
-        fh.write('\n')
+def write(name, doc=None, **matrices):
+    """The model file name.json, and name_<key>.txt for each matrix."""
+    if doc is not None:
+        with open(os.path.join(HERE, name + '.json'), 'w') as fh:
+            fh.write(json.dumps(doc, separators=(',', ':')) + '\n')
+    for key, m in matrices.items():
+        with open(os.path.join(HERE, '%s_%s.txt' % (name, key)), 'w') as fh:
+            fh.write('%d %d\n' % m.shape + ''.join(' '.join('%.9e' % v for v in row) + '\n' for row in m))
 
 
-def write_matrix(name, m):
-    with open(os.path.join(HERE, name), 'w') as fh:
-        fh.write('%d %d\n' % m.shape)
-        for row in m:
-            fh.write(' '.join('%.9e' % v for v in row) + '\n')
+def rotated(a):
+    """Tessel keeps the no-base output (the last column of the posteriors) first."""
+    return tolist(np.concatenate([a[-1:], a[:-1]]))
 
 
 # One raw network in both dialects: convolution (stride 2, odd padding), bidirectional GRU,
@@ -164,9 +166,6 @@ def dialect_network():
     post = softmax(y, sm_W, sm_b)
     post_temp = softmax(y, sm_W, sm_b, temp_weight=0.8, temp_bias=1.25)
 
-    # Tessel keeps the no-base output (the last column of the posteriors) first.
-    sm_W_file = np.vstack([sm_W[-1:], sm_W[:-1]])
-    sm_b_file = np.concatenate([sm_b[-1:], sm_b[:-1]])
     tessel = {
         "type": "serial", "meta": {"feature_function": "raw"},
         "sublayers": [
@@ -184,7 +183,7 @@ def dialect_network():
             {"type": "feed-forward", "insize": 7, "size": 9, "activation": "elu",
              "params": {"W": tolist(ff_W), "b": tolist(ff_b)}},
             {"type": "softmax_old", "insize": 9, "size": 65,
-             "params": {"W": tolist(sm_W_file), "b": tolist(sm_b_file)}},
+             "params": {"W": rotated(sm_W), "b": rotated(sm_b)}},
         ]}
     quorlet = {
         "meta": {"feature_function": "raw", "window": [0]},
@@ -209,11 +208,9 @@ def dialect_network():
             "ff": {"input": tolist(np.ravel(ff_W)), "bias": tolist(ff_b)},
             "out": {"input": tolist(np.ravel(sm_W)), "bias": tolist(sm_b)},
         }}
-    write_json('dialect_tessel.json', tessel)
-    write_json('dialect_quorlet.json', quorlet)
-    write_matrix('dialect_input.txt', x)
-    write_matrix('dialect_expected.txt', post)
-    write_matrix('dialect_expected_temp.txt', post_temp)
+    write('dialect_tessel', tessel)
+    write('dialect_quorlet', quorlet)
+    write('dialect', input=x, expected=post, expected_temp=post_temp)
 
 
 # GRU forms only the Tessel dialect can express: a residual GRU, a reset-after-product GRU run in
@@ -235,11 +232,8 @@ def gru_variants_network():
                {"type": "residual", "sublayer": tessel_gru(8, res)},
                {"type": "reverse", "sublayer": tessel_gru(8, mod, mod=True)},
                {"type": "softmax", "insize": 3, "size": 5,
-                "params": {"W": tolist(np.vstack([sm_W[-1:], sm_W[:-1]])),
-                           "b": tolist(np.concatenate([sm_b[-1:], sm_b[:-1]]))}}]}
-    write_json('tessel_gru_variants.json', doc)
-    write_matrix('tessel_gru_variants_input.txt', x)
-    write_matrix('tessel_gru_variants_expected.txt', post)
+                "params": {"W": rotated(sm_W), "b": rotated(sm_b)}}]}
+    write('tessel_gru_variants', doc, input=x, expected=post)
 
 
 # A flip-flop style output: scale * tanh of an affine map, no normalisation; relu before it.
@@ -259,9 +253,7 @@ def globalnorm_network():
                 "params": {"W": tolist(ff_W), "b": tolist(ff_b)}},
                {"type": "GlobalNormTwoState", "insize": 6, "size": 40,
                 "params": {"W": tolist(gn_W), "b": tolist(gn_b)}}]}
-    write_json('tessel_globalnorm.json', doc)
-    write_matrix('tessel_globalnorm_input.txt', x)
-    write_matrix('tessel_globalnorm_expected.txt', y)
+    write('tessel_globalnorm', doc, input=x, expected=y)
 
 
 if __name__ == '__main__':
