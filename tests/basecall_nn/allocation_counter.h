@@ -37,8 +37,7 @@ void operator delete(void* p) noexcept { alloc_test::release(p); }
 void operator delete[](void* p) noexcept { alloc_test::release(p); }
 void operator delete(void* p, std::size_t) noexcept { alloc_test::release(p); }
 void operator delete[](void* p, std::size_t) noexcept { alloc_test::release(p); }
-// The nothrow forms too (std::stable_sort's buffer uses them), so that every pair matches under a
-// sanitizer.
+// The nothrow forms too (std::stable_sort's buffer uses them), so every pair matches under ASan.
 void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
     try {
         return alloc_test::countedMalloc(n);

@@ -118,7 +118,7 @@ TEST(RowLayerTest, EveryKindMatchesReference) {
         std::unique_ptr<CblasLayer> layer;
         const Gate* gate;
         double (*fn)(double);
-        bool softmax;
+        bool softmax;  // divide by the row's sum
         double tolerance;
     };
     Case cases[] = {
@@ -159,10 +159,7 @@ TEST(RowLayerTest, EveryKindMatchesReference) {
 // partial), the residual form, and single rows, over which a reversed layer acts as a forward one.
 // The LSTM is checked against numpy in nn_model_fixtures_test.cpp.
 TEST(GruTest, EveryFormMatchesReference) {
-    struct Case {
-        int in, out, rows;
-        bool resetAfter, reverse, residual, bidir;
-    };
+    struct Case { int in, out, rows; bool resetAfter, reverse, residual, bidir; };
     const Case cases[] = {
         {7, 3, 600, false, false, false, false}, {7, 3, 600, true, true, false, false},
         {7, 96, 600, true, false, false, false}, {7, 96, 600, false, true, false, false},

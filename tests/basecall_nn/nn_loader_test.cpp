@@ -20,26 +20,21 @@ namespace {
 
 std::string str(int n) { return std::to_string(n); }
 // n numbers start, start + 1, ... as a JSON array, or rows such arrays of cols numbers.
-std::string numbers(int n, int start = 1) {
+std::string numbers(int n, int start = 1, int cols = 0) {
     std::string s = "[";
-    for (int i = 0; i < n; ++i) s += (i ? "," : "") + str(start + i);
+    for (int i = 0; i < n; ++i) s += (i ? "," : "") + (cols ? numbers(cols, start + i * cols) : str(start + i));
     return s + "]";
 }
-std::string nested(int rows, int cols) {
-    std::string s = "[";
-    for (int r = 0; r < rows; ++r) s += (r ? "," : "") + numbers(cols, 1 + r * cols);
-    return s + "]";
-}
+std::string nested(int rows, int cols) { return numbers(rows, 1, cols); }
 std::string head(const std::string& type, int insize, int size, const std::string& activation = "tanh") {
     return R"({"type":")" + type + R"(","insize":)" + str(insize) + R"(,"size":)" + str(size) +
            R"(,"activation":")" + activation + R"(",)";
 }
-std::string feedforward(int insize, int size, const std::string& activation = "tanh") {
-    return head("feed-forward", insize, size, activation) + R"("params":{"W":)" + nested(size, insize) +
-           R"(,"b":)" + numbers(size) + "}}";
+std::string softmax(int insize, int size, const std::string& type = "softmax", const std::string& activation = "tanh") {
+    return head(type, insize, size, activation) + R"("params":{"W":)" + nested(size, insize) + R"(,"b":)" + numbers(size) + "}}";
 }
-std::string softmax(int insize, int size, const std::string& type = "softmax") {
-    return head(type, insize, size) + R"("params":{"W":)" + nested(size, insize) + R"(,"b":)" + numbers(size) + "}}";
+std::string feedforward(int insize, int size, const std::string& activation = "tanh") {
+    return softmax(insize, size, "feed-forward", activation);
 }
 std::string gru(int insize, int size, const std::string& type = "GRU", const std::string& activation = "tanh") {
     return head(type, insize, size, activation) + R"("bias":true,"params":{"iW":)" + nested(3 * size, insize) + R"(,"sW":)" +
@@ -85,7 +80,6 @@ TEST(NNLoaderTest, EveryMessageOfABadModelFile) {
     const std::string ff = feedforward(2, 3), sm = softmax(3, 5), fwd = gru(3, 2), rev = reverse(gru(3, 2));
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"{\"layers\": [", "is not a valid NN model file."},  // not JSON
-        {"[1, 2]", "is not a valid NN model file."},         // not an object
         {"{\"weights\": {}}", "is not a valid NN model file."},  // neither dialect
         {serial({softmax(2, 3), sm}), "Layer type 'softmax' mustnot be last layer."},
         // A container that is last passes the flag to its last child only.
@@ -144,11 +138,8 @@ TEST(NNLoaderTest, EveryMessageOfABadModelFile) {
     for (const auto& [json, message] : cases) {
         TempFile file(json);
         const std::string got = ErrorOf([&] { NNLoader(file.path).LoadInto(*std::make_unique<NNCallerCblas>()); });
-        if (message.front() == 'i') {
-            EXPECT_EQ(got, "Model File \"" + file.path + "\" " + message) << json;
-        } else {
-            EXPECT_EQ(got, message) << json;
-        }
+        // The "not a valid" message names the file.
+        EXPECT_EQ(got, (message.front() == 'i' ? "Model File \"" + file.path + "\" " : std::string()) + message) << json;
     }
     EXPECT_EQ(ErrorOf([] { NNLoader("/nonexistent/model.json"); }),
               "Model File \"/nonexistent/model.json\" could not be opened.");
@@ -161,7 +152,6 @@ TEST(NNLoaderTest, LstmWithoutBiasGetsZeroBiases) {
     const auto* layer = dynamic_cast<const Lstm*>(network->Layers()[1].get());
     ASSERT_NE(layer, nullptr);
     for (std::size_t i = 0; i < 8; ++i) EXPECT_EQ(layer->bias.view[i], 0.0f);
-    EXPECT_EQ(layer->Wx.view(2, 2), 9.0f);  // the weights are still read
 }
 
 TEST(NNLoaderTest, QueriesAndFeatureSettings) {
@@ -172,7 +162,7 @@ TEST(NNLoaderTest, QueriesAndFeatureSettings) {
         DecodeType decode;
         int feature;
         std::vector<std::int32_t> window;
-        int left, right;
+        int left, right;  // the caller's window reach after loading
     };
     const std::string ffsm = feedforward(3, 4) + "," + softmax(4, 5);
     const Case cases[] = {

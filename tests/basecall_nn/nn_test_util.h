@@ -84,11 +84,8 @@ inline Matrix ReadMatrix(const std::string& name) {
     std::size_t rows = 0, cols = 0;
     in >> rows >> cols;
     Matrix m(rows, cols);
-    for (std::size_t i = 0; i < rows * cols; ++i) {
-        double v;
-        in >> v;
-        m(i / cols, i % cols) = static_cast<float>(v);
-    }
+    double v = 0;
+    for (std::size_t i = 0; i < rows * cols && in >> v; ++i) m(i / cols, i % cols) = static_cast<float>(v);
     if (!in || rows == 0) throw std::runtime_error("missing or short matrix file " + name);
     return m;
 }

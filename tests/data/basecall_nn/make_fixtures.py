@@ -1,9 +1,7 @@
 #!/usr/bin/python3
-"""Writes the model-file fixtures of the network runtime tests beside this script, with the posteriors
-numpy computes for them in double precision from the file contents alone: one raw network in both
-dialects (dialect_*, with and without temperatures), GRU forms only Tessel has (tessel_gru_variants_*)
-and a flip-flop style output (tessel_globalnorm_*). Matrices are text, "rows cols" and then one row a
-line. Seeded, so the files change only when this script does. Run with /usr/bin/python3 (numpy).
+"""Writes the model files of the network runtime tests beside this script, with the posteriors numpy
+computes for them in double precision from the file contents alone; matrices as text, "rows cols" and
+then one row a line. Seeded, so the files change only when this script does. Needs numpy.
 """
 import json
 import os
@@ -72,17 +70,9 @@ def lstm(x, g, reverse=False):
     return scan(x, g['Wi'].shape[0], step, reverse)
 
 
-def dense(x, W, b, act):
-    return act(x @ W.T + b)
-
-
 def softmax(x, W, b, temp_weight=1.0, temp_bias=1.0):
     e = np.exp(x @ W.T / temp_weight + b / temp_bias) + 1e-6
     return e / e.sum(axis=1, keepdims=True)
-
-
-def elu(x):
-    return np.where(x < 0, np.exp(x) - 1.0, x)
 
 
 def make_gates(insize, H, keys, peeps=''):
@@ -94,32 +84,28 @@ def make_gates(insize, H, keys, peeps=''):
     return g
 
 
-# Writers. Tessel: GRU blocks reset, update, candidate with sW = [reset; update] and sW2 = candidate;
-# LSTM blocks cell, input, forget, output and peepholes input, forget, output. Quorlet: the same
-# block orders in "input", "internal" (LSTM peepholes behind the state weights) and "bias", with the
-# two directions of a bidirectional layer interleaved block by block.
+# Writers. Block orders: GRU reset, update, candidate (Tessel's sW2 holds the candidate's); LSTM cell,
+# input, forget, output, and peepholes input, forget, output.
+
+def stack(g, prefix, keys):
+    return tolist(np.concatenate([g[prefix + k] for k in keys]))
+
 
 def tessel_gru(insize, g, mod=False):
     return {"type": "GruMod" if mod else "GRU", "insize": insize, "size": len(g['br']), "activation": "tanh",
-            "bias": True,
-            "params": {"iW": tolist(np.vstack([g['Wr'], g['Wz'], g['Wn']])),
-                       "sW": tolist(np.vstack([g['Ur'], g['Uz']])),
-                       "sW2": tolist(g['Un']),
-                       "b": tolist(np.concatenate([g['br'], g['bz'], g['bn']]))}}
+            "bias": True, "params": {"iW": stack(g, 'W', 'rzn'), "sW": stack(g, 'U', 'rz'), "sW2": tolist(g['Un']),
+                                     "b": stack(g, 'b', 'rzn')}}
 
 
 def tessel_lstm(insize, g):
     return {"type": "LSTM", "insize": insize, "size": len(g['bi']), "activation": "tanh", "bias": True,
-            "peep": True,
-            "params": {"iW": tolist(np.vstack([g['Wc'], g['Wi'], g['Wf'], g['Wo']])),
-                       "sW": tolist(np.vstack([g['Uc'], g['Ui'], g['Uf'], g['Uo']])),
-                       "b": tolist(np.concatenate([g['bc'], g['bi'], g['bf'], g['bo']])),
-                       "p": tolist(np.concatenate([g['pi'], g['pf'], g['po']]))}}
+            "peep": True, "params": {"iW": stack(g, 'W', 'cifo'), "sW": stack(g, 'U', 'cifo'),
+                                     "b": stack(g, 'b', 'cifo'), "p": stack(g, 'p', 'ifo')}}
 
 
 def quorlet_weights(gs, keys, peeps=''):
-    """The directions of a bidirectional layer interleave block by block; LSTM peepholes follow the
-    state weights in "internal"."""
+    """Quorlet: the directions of a bidirectional layer interleave block by block; LSTM peepholes
+    follow the state weights in "internal"."""
     def blocks(prefix, ks):
         return np.concatenate([np.ravel(g[prefix + k]) for k in ks for g in gs])
     return {"input": tolist(blocks('W', keys)),
@@ -162,7 +148,8 @@ def dialect_network():
     y = lstm(y, rlstm, reverse=True)
     y = np.hstack([lstm(y, blstm[0]), lstm(y, blstm[1], reverse=True)])
     y = gru(y, fgru)
-    y = dense(y, ff_W, ff_b, elu)
+    y = y @ ff_W.T + ff_b
+    y = np.where(y < 0, np.exp(y) - 1.0, y)  # elu
     post = softmax(y, sm_W, sm_b)
     post_temp = softmax(y, sm_W, sm_b, temp_weight=0.8, temp_bias=1.25)
 
@@ -243,7 +230,7 @@ def globalnorm_network():
     gn_W, gn_b = rand(40, 6, scale=1.0), rand(40, scale=0.5)
     x = f32(rng.normal(size=(30, 1)))
     y = conv(x, conv_W, conv_b, 4, 3, 2, 1, sigmoid)
-    y = dense(y, ff_W, ff_b, lambda v: np.maximum(v, 0.0))
+    y = np.maximum(y @ ff_W.T + ff_b, 0.0)
     y = 5.0 * np.tanh(y @ gn_W.T + gn_b)
     doc = {"type": "serial",
            "sublayers": [
