@@ -24,4 +24,11 @@ std::size_t BasecallConfigManager::AddConfig(std::shared_ptr<BasecallConfig> con
     return configs.size() - 1;
 }
 
+std::shared_ptr<BasecallConfig> BasecallConfigManager::GetConfig(std::size_t id) const {
+    if (id >= configs.size()) {
+        throw std::runtime_error("Invalid baseacall config ID");
+    }
+    return configs[id];
+}
+
 }  // namespace BasecallNN

@@ -50,6 +50,8 @@ class BasecallConfigManager {
 public:
     // Returns the new configuration's identifier: its index.
     std::size_t AddConfig(std::shared_ptr<BasecallConfig> config);
+    // Throws "Invalid baseacall config ID" for an unknown identifier.
+    std::shared_ptr<BasecallConfig> GetConfig(std::size_t id) const;
 
 private:
     std::vector<std::shared_ptr<BasecallConfig>> configs;

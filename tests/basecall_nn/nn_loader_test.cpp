@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "basecall_nn/basecall_config.h"
 #include "basecall_nn/nn_caller_cblas.h"
 #include "nn_test_util.h"
 
@@ -143,6 +144,18 @@ TEST(NNLoaderTest, EveryMessageOfABadModelFile) {
     }
     EXPECT_EQ(ErrorOf([] { NNLoader("/nonexistent/model.json"); }),
               "Model File \"/nonexistent/model.json\" could not be opened.");
+}
+
+TEST(NNLoaderTest, ConfigManagerHandsBackWhatItHolds) {
+    TempFile file(serial({convolution(1, 4, 3, 5), softmax(4, 1025)}));
+    BasecallSettings settings;
+    settings.model_file = file.path;
+    auto config = std::make_shared<BasecallConfig>("", settings);
+    BasecallConfigManager manager;
+    EXPECT_EQ(manager.AddConfig(config), 0u);
+    EXPECT_EQ(manager.AddConfig(config), 1u);
+    EXPECT_EQ(manager.GetConfig(1), config);
+    EXPECT_EQ(ErrorOf([&] { manager.GetConfig(2); }), "Invalid baseacall config ID");
 }
 
 // Block orders, reversal, residual and bidirectional layers are checked end to end against numpy in
