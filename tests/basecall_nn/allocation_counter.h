@@ -1,7 +1,7 @@
 #pragma once
 // Counts heap allocations (every operator new and posix_memalign, which the aligned buffers use) made
-// while a function runs, to show that steady-state calls allocate nothing. Include it from exactly
-// one source file of a test program: it replaces the global allocation functions of that program.
+// while a function runs. Include from exactly one source file of a test program: it replaces the
+// global allocation functions of that program.
 
 #include <dlfcn.h>
 
@@ -15,12 +15,8 @@ inline std::atomic<long> allocations{0};
 
 // Out of line, so that the compiler does not pair an inlined operator new with free() and warn.
 __attribute__((noinline)) inline void* countedMalloc(std::size_t n) {
-    if (counting.load(std::memory_order_relaxed)) {
-        allocations.fetch_add(1, std::memory_order_relaxed);
-    }
-    if (void* p = std::malloc(n == 0 ? 1 : n)) {
-        return p;
-    }
+    if (counting.load(std::memory_order_relaxed)) allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(n == 0 ? 1 : n)) return p;
     throw std::bad_alloc();
 }
 __attribute__((noinline)) inline void release(void* p) noexcept { std::free(p); }
@@ -41,8 +37,7 @@ void operator delete(void* p) noexcept { alloc_test::release(p); }
 void operator delete[](void* p) noexcept { alloc_test::release(p); }
 void operator delete(void* p, std::size_t) noexcept { alloc_test::release(p); }
 void operator delete[](void* p, std::size_t) noexcept { alloc_test::release(p); }
-// The nothrow forms too (std::stable_sort's buffer uses them), so that no allocation escapes the
-// count and every pair matches under a sanitizer.
+// The nothrow forms too (std::stable_sort's buffer uses them), so every pair matches under ASan.
 void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
     try {
         return alloc_test::countedMalloc(n);
@@ -57,8 +52,6 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept { alloc_test::re
 extern "C" int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
     using Real = int (*)(void**, std::size_t, std::size_t);
     static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "posix_memalign"));
-    if (alloc_test::counting.load(std::memory_order_relaxed)) {
-        alloc_test::allocations.fetch_add(1, std::memory_order_relaxed);
-    }
+    if (alloc_test::counting.load(std::memory_order_relaxed)) alloc_test::allocations.fetch_add(1, std::memory_order_relaxed);
     return real(out, alignment, size);
 }

@@ -1,7 +1,6 @@
 #pragma once
-// Helpers shared by the network runtime tests: padded matrices, a small layer runner that mimics how
-// the runtime drives layers (padded ping-pong buffers, one scratch), a caller that records what the
-// loader asks for, temporary model files and the text matrices the numpy fixture script writes.
+// Helpers shared by the network runtime tests: padded matrices, a layer runner that drives layers as
+// the runtime does, and fixture files.
 
 #include <algorithm>
 #include <cstdio>
@@ -17,8 +16,6 @@
 #include <unistd.h>
 
 #include "basecall_nn/cblas_layers.h"
-#include "basecall_nn/nn_caller.h"
-#include "basecall_nn/nn_caller_cblas.h"
 #include "common/allocator.h"
 #include "common/views.h"
 
@@ -26,7 +23,6 @@
 
 namespace nn_test {
 
-// The message of what f throws, in the text these tests expect when it throws nothing.
 template <typename F>
 std::string ErrorOf(F&& f) {
     return TestSupport::ErrorOf(std::forward<F>(f), "(no exception)");
@@ -47,80 +43,20 @@ struct Matrix {
     Common::AlignedVector32<float> data;
 };
 
-// Runs layers one after the other the way a runner does: each output goes to a fresh padded buffer
-// whose padding is filled with NaN, so that a layer reading padding cells would show it.
-inline Matrix RunLayers(const std::vector<const BasecallNN::CblasLayer*>& layers, const Matrix& input) {
-    Matrix cur = input;
-    for (const BasecallNN::CblasLayer* layer : layers) {
+// Runs layers one after the other into fresh buffers whose padding, like the scratch, is NaN, so a
+// layer that reads padding or unwritten scratch shows it.
+template <typename Layers>
+Matrix RunLayers(const Layers& layers, Matrix cur) {
+    constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+    for (const auto& layer : layers) {
         const int rows = static_cast<int>(cur.rows);
-        Matrix out(static_cast<std::size_t>(layer->OutputRows(rows)), static_cast<std::size_t>(layer->outSize),
-                   std::numeric_limits<float>::quiet_NaN());
-        Common::AlignedVector32<float> scratch(static_cast<std::size_t>(layer->ScratchSize(rows)) + 1,
-                                               std::numeric_limits<float>::quiet_NaN());
+        Matrix out(static_cast<std::size_t>(layer->OutputRows(rows)), static_cast<std::size_t>(layer->outSize), nan);
+        Common::AlignedVector32<float> scratch(static_cast<std::size_t>(layer->ScratchSize(rows)) + 1, nan);
         Common::MatView<float> outView = out.view();
         layer->Process(cur.view(), outView, scratch.data());
         cur = std::move(out);
     }
     return cur;
-}
-inline Matrix RunLayer(const BasecallNN::CblasLayer& layer, const Matrix& input) {
-    return RunLayers({&layer}, input);
-}
-
-// Records what the loader asks of a network, one entry per Add call, and builds nothing.
-class RecordingCaller : public BasecallNN::NNCaller {
-public:
-    struct Call {
-        std::string op;
-        int insize = 0, size = 0;
-        bool gruMod = false, reverse = false, residual = false;
-        int activation = -1, winlen = 0, stride = 0;
-    };
-
-    void AddConvolution(BasecallNN::Activation activation, int insize, int winlen, int size, int stride, int,
-                        int, const Common::MatView<const float>&, const Common::VecView<const float>&) override {
-        calls.push_back({"Convolution", insize, size, false, false, false, activation, winlen, stride});
-        event_stride *= stride;
-    }
-    void AddFeedforward(BasecallNN::Activation activation, int insize, int size, const Common::MatView<const float>&,
-                        const Common::VecView<const float>&) override {
-        calls.push_back({"Feedforward", insize, size, false, false, false, activation});
-    }
-    void AddSoftmax(int insize, int size, const Common::MatView<const float>&,
-                    const Common::VecView<const float>&) override {
-        calls.push_back({"Softmax", insize, size});
-    }
-    void AddGlobalNormTwoState(int insize, int size, const Common::MatView<const float>&,
-                               const Common::VecView<const float>&) override {
-        calls.push_back({"GlobalNormTwoState", insize, size});
-    }
-    void AddGru(int insize, int size, const BasecallNN::GruParams&, bool gruMod, bool reverse, bool residual) override {
-        calls.push_back({"Gru", insize, size, gruMod, reverse, residual});
-    }
-    void AddBGru(int insize, int size, const BasecallNN::GruParams&, const BasecallNN::GruParams&, bool gruMod,
-                 bool residual) override {
-        calls.push_back({"BGru", insize, size, gruMod, false, residual});
-    }
-    void AddLstm(int insize, int size, const BasecallNN::LstmParams&, bool reverse) override {
-        calls.push_back({"Lstm", insize, size, false, reverse});
-    }
-    void AddBLstm(int insize, int size, const BasecallNN::LstmParams&, const BasecallNN::LstmParams&) override {
-        calls.push_back({"BLstm", insize, size});
-    }
-    std::shared_ptr<BasecallNN::NNRunner> CreateRunner(std::shared_ptr<const NNCaller>, int) const override {
-        throw std::logic_error("RecordingCaller has no runner");
-    }
-
-    std::vector<Call> calls;
-};
-
-// The layers a processor network holds, run one after the other.
-inline Matrix RunNetwork(const BasecallNN::NNCallerCblas& network, const Matrix& input) {
-    std::vector<const BasecallNN::CblasLayer*> layers;
-    for (const auto& l : network.Layers()) {
-        layers.push_back(l.get());
-    }
-    return RunLayers(layers, input);
 }
 
 // A model file in the temporary directory, removed again when the object goes.
@@ -129,9 +65,7 @@ public:
     explicit TempFile(const std::string& text) {
         char name[] = "/tmp/kvx_nn_model_XXXXXX";
         const int fd = mkstemp(name);
-        if (fd < 0) {
-            throw std::runtime_error("mkstemp failed");
-        }
+        if (fd < 0) throw std::runtime_error("mkstemp failed");
         close(fd);
         path = name;
         std::ofstream(path) << text;
@@ -145,35 +79,21 @@ public:
 inline std::string DataPath(const std::string& name) { return std::string(KVX_TEST_DATA_DIR) + "/basecall_nn/" + name; }
 
 // Reads "rows cols" and then the values, as the fixture script writes them.
-inline Matrix ReadMatrix(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) {
-        throw std::runtime_error("cannot open " + path);
-    }
+inline Matrix ReadMatrix(const std::string& name) {
+    std::ifstream in(DataPath(name));
     std::size_t rows = 0, cols = 0;
     in >> rows >> cols;
     Matrix m(rows, cols);
-    for (std::size_t r = 0; r < rows; ++r) {
-        for (std::size_t c = 0; c < cols; ++c) {
-            double v;
-            in >> v;
-            m(r, c) = static_cast<float>(v);
-        }
-    }
-    if (!in) {
-        throw std::runtime_error("short matrix file " + path);
-    }
+    double v = 0;
+    for (std::size_t i = 0; i < rows * cols && in >> v; ++i) m(i / cols, i % cols) = static_cast<float>(v);
+    if (!in || rows == 0) throw std::runtime_error("missing or short matrix file " + name);
     return m;
 }
 
 inline Matrix RandomMatrix(std::mt19937& rng, std::size_t rows, std::size_t cols, float lo = -1.0f, float hi = 1.0f) {
     std::uniform_real_distribution<float> dist(lo, hi);
     Matrix m(rows, cols);
-    for (std::size_t r = 0; r < rows; ++r) {
-        for (std::size_t c = 0; c < cols; ++c) {
-            m(r, c) = dist(rng);
-        }
-    }
+    for (std::size_t i = 0; i < rows * cols; ++i) m(i / cols, i % cols) = dist(rng);
     return m;
 }
 

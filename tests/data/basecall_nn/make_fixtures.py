@@ -1,18 +1,7 @@
 #!/usr/bin/python3
-"""Writes the model-file fixtures of the network runtime tests and the posteriors that numpy computes
-for them, in double precision, from the file contents alone.
-
-Run from anywhere with /usr/bin/python3 (needs python3-numpy); it rewrites the files beside it:
-  dialect_tessel.json, dialect_quorlet.json    one raw network in both dialects
-  dialect_input.txt                             its input samples
-  dialect_expected.txt                          its posteriors (no-base column last)
-  dialect_expected_temp.txt                     the same with temp_weight 0.8 and temp_bias 1.25
-  tessel_gru_variants.json, _input.txt, _expected.txt
-                                                residual and reset-after-product GRU layers
-  tessel_globalnorm.json, _input.txt, _expected.txt
-                                                a flip-flop style output layer
-Matrices are text: "rows cols" on the first line, then one row per line.
-The random generator is seeded, so the files only change when this script does.
+"""Writes the model files of the network runtime tests beside this script, with the posteriors numpy
+computes for them in double precision from the file contents alone; matrices as text, "rows cols" and
+then one row a line. Seeded, so the files change only when this script does. Needs numpy.
 """
 import json
 import os
@@ -29,8 +18,7 @@ def f32(a):
 
 
 def rand(*shape, scale=None):
-    fan_in = shape[-1] if len(shape) > 1 else 1
-    s = scale if scale is not None else 1.0 / np.sqrt(fan_in)
+    s = scale if scale is not None else 1.0 / np.sqrt(shape[-1] if len(shape) > 1 else 1)
     return f32(rng.uniform(-1.5 * s, 1.5 * s, size=shape))
 
 
@@ -43,61 +31,43 @@ def sigmoid(x):
     return 1.0 / (1.0 + np.exp(-x))
 
 
-# ----------------------------------------------------------------------------------------------
 # Reference layers, in the natural form: a matrix per gate, out x in.
 
 def conv(x, W, b, winlen, stride, pad_left, pad_right, act):
     """x: rows x insize; W: size x winlen x insize."""
-    rows, insize = x.shape
-    xp = np.vstack([np.zeros((pad_left, insize)), x, np.zeros((pad_right, insize))])
-    nout = (pad_left + pad_right - (winlen - rows)) // stride + 1
-    out = np.empty((nout, W.shape[0]))
-    for t in range(nout):
-        window = xp[t * stride: t * stride + winlen]
-        out[t] = np.einsum('owi,wi->o', W, window) + b
-    return act(out)
+    xp = np.vstack([np.zeros((pad_left, x.shape[1])), x, np.zeros((pad_right, x.shape[1]))])
+    nout = (pad_left + pad_right - (winlen - x.shape[0])) // stride + 1
+    return act(np.array([np.einsum('owi,wi->o', W, xp[t * stride: t * stride + winlen]) + b for t in range(nout)]))
+
+
+def scan(x, H, step, reverse):
+    """Runs step(x_t, state) -> (output, state) over the rows, from zero state."""
+    out, state = np.empty((x.shape[0], H)), (np.zeros(H), np.zeros(H))
+    for t in (range(x.shape[0] - 1, -1, -1) if reverse else range(x.shape[0])):
+        out[t], state = step(x[t], state)
+    return out
 
 
 def gru(x, g, reverse=False, reset_after=False, residual=False):
-    """g: dict of Wr, Wz, Wn (H x in), Ur, Uz, Un (H x H), br, bz, bn."""
-    H = g['Wr'].shape[0]
-    h = np.zeros(H)
-    out = np.empty((x.shape[0], H))
-    order = range(x.shape[0] - 1, -1, -1) if reverse else range(x.shape[0])
-    for t in order:
-        xt = x[t]
+    def step(xt, state):
+        h = state[0]
         r = sigmoid(g['Wr'] @ xt + g['Ur'] @ h + g['br'])
         z = sigmoid(g['Wz'] @ xt + g['Uz'] @ h + g['bz'])
-        if reset_after:
-            n = np.tanh(g['Wn'] @ xt + g['bn'] + r * (g['Un'] @ h))
-        else:
-            n = np.tanh(g['Wn'] @ xt + g['bn'] + g['Un'] @ (r * h))
+        n = np.tanh(g['Wn'] @ xt + g['bn'] + (r * (g['Un'] @ h) if reset_after else g['Un'] @ (r * h)))
         h = z * h + (1.0 - z) * n
-        out[t] = h + xt if residual else h
-    return out
+        return (h + xt if residual else h), (h, None)
+    return scan(x, g['Wr'].shape[0], step, reverse)
 
 
 def lstm(x, g, reverse=False):
-    """g: W?, U?, b? for ? in i f o c, and peepholes pi, pf, po."""
-    H = g['Wi'].shape[0]
-    h = np.zeros(H)
-    c = np.zeros(H)
-    out = np.empty((x.shape[0], H))
-    order = range(x.shape[0] - 1, -1, -1) if reverse else range(x.shape[0])
-    for t in order:
-        xt = x[t]
+    def step(xt, state):
+        h, c = state
         f = sigmoid(g['Wf'] @ xt + g['Uf'] @ h + g['bf'] + g['pf'] * c)
         i = sigmoid(g['Wi'] @ xt + g['Ui'] @ h + g['bi'] + g['pi'] * c)
-        cand = np.tanh(g['Wc'] @ xt + g['Uc'] @ h + g['bc'])
-        c = f * c + i * cand
-        o = sigmoid(g['Wo'] @ xt + g['Uo'] @ h + g['bo'] + g['po'] * c)
-        h = o * np.tanh(c)
-        out[t] = h
-    return out
-
-
-def dense(x, W, b, act):
-    return act(x @ W.T + b)
+        c = f * c + i * np.tanh(g['Wc'] @ xt + g['Uc'] @ h + g['bc'])
+        h = sigmoid(g['Wo'] @ xt + g['Uo'] @ h + g['bo'] + g['po'] * c) * np.tanh(c)
+        return h, (h, c)
+    return scan(x, g['Wi'].shape[0], step, reverse)
 
 
 def softmax(x, W, b, temp_weight=1.0, temp_bias=1.0):
@@ -105,105 +75,59 @@ def softmax(x, W, b, temp_weight=1.0, temp_bias=1.0):
     return e / e.sum(axis=1, keepdims=True)
 
 
-def elu(x):
-    return np.where(x < 0, np.exp(x) - 1.0, x)
-
-
-def make_gru(insize, H):
+def make_gates(insize, H, keys, peeps=''):
     g = {}
-    for k in 'rzn':
-        g['W' + k] = rand(H, insize)
-        g['U' + k] = rand(H, H)
-        g['b' + k] = rand(H, scale=0.5)
-    return g
-
-
-def make_lstm(insize, H):
-    g = {}
-    for k in 'ifoc':
-        g['W' + k] = rand(H, insize)
-        g['U' + k] = rand(H, H)
-        g['b' + k] = rand(H, scale=0.5)
-    for k in 'ifo':
+    for k in keys:
+        g['W' + k], g['U' + k], g['b' + k] = rand(H, insize), rand(H, H), rand(H, scale=0.5)
+    for k in peeps:
         g['p' + k] = rand(H, scale=0.5)
     return g
 
 
-# ----------------------------------------------------------------------------------------------
-# Writers. Tessel: GRU blocks reset, update, candidate with sW = [reset; update] and sW2 = candidate;
-# LSTM blocks cell, input, forget, output and peepholes input, forget, output. Quorlet: the same
-# block orders in "input", "internal" (LSTM peepholes behind the state weights) and "bias", with the
-# two directions of a bidirectional layer interleaved block by block.
+# Writers. Block orders: GRU reset, update, candidate (Tessel's sW2 holds the candidate's); LSTM cell,
+# input, forget, output, and peepholes input, forget, output.
+
+def stack(g, prefix, keys):
+    return tolist(np.concatenate([g[prefix + k] for k in keys]))
+
 
 def tessel_gru(insize, g, mod=False):
     return {"type": "GruMod" if mod else "GRU", "insize": insize, "size": len(g['br']), "activation": "tanh",
-            "bias": True,
-            "params": {"iW": tolist(np.vstack([g['Wr'], g['Wz'], g['Wn']])),
-                       "sW": tolist(np.vstack([g['Ur'], g['Uz']])),
-                       "sW2": tolist(g['Un']),
-                       "b": tolist(np.concatenate([g['br'], g['bz'], g['bn']]))}}
+            "bias": True, "params": {"iW": stack(g, 'W', 'rzn'), "sW": stack(g, 'U', 'rz'), "sW2": tolist(g['Un']),
+                                     "b": stack(g, 'b', 'rzn')}}
 
 
 def tessel_lstm(insize, g):
     return {"type": "LSTM", "insize": insize, "size": len(g['bi']), "activation": "tanh", "bias": True,
-            "peep": True,
-            "params": {"iW": tolist(np.vstack([g['Wc'], g['Wi'], g['Wf'], g['Wo']])),
-                       "sW": tolist(np.vstack([g['Uc'], g['Ui'], g['Uf'], g['Uo']])),
-                       "b": tolist(np.concatenate([g['bc'], g['bi'], g['bf'], g['bo']])),
-                       "p": tolist(np.concatenate([g['pi'], g['pf'], g['po']]))}}
+            "peep": True, "params": {"iW": stack(g, 'W', 'cifo'), "sW": stack(g, 'U', 'cifo'),
+                                     "b": stack(g, 'b', 'cifo'), "p": stack(g, 'p', 'ifo')}}
 
 
-def interleave(blocks_fwd, blocks_bwd):
-    out = []
-    for f, b in zip(blocks_fwd, blocks_bwd):
-        out += [np.ravel(f), np.ravel(b)]
-    return np.concatenate(out)
+def quorlet_weights(gs, keys, peeps=''):
+    """Quorlet: the directions of a bidirectional layer interleave block by block; LSTM peepholes
+    follow the state weights in "internal"."""
+    def blocks(prefix, ks):
+        return np.concatenate([np.ravel(g[prefix + k]) for k in ks for g in gs])
+    return {"input": tolist(blocks('W', keys)),
+            "internal": tolist(np.concatenate([blocks('U', keys), blocks('p', peeps)] if peeps else [blocks('U', keys)])),
+            "bias": tolist(blocks('b', keys))}
 
 
-def quorlet_gru_weights(gs):
-    keys = 'rzn'
-    if len(gs) == 1:
-        g = gs[0]
-        return {"input": tolist(np.concatenate([np.ravel(g['W' + k]) for k in keys])),
-                "internal": tolist(np.concatenate([np.ravel(g['U' + k]) for k in keys])),
-                "bias": tolist(np.concatenate([g['b' + k] for k in keys]))}
-    f, b = gs
-    return {"input": tolist(interleave([f['W' + k] for k in keys], [b['W' + k] for k in keys])),
-            "internal": tolist(interleave([f['U' + k] for k in keys], [b['U' + k] for k in keys])),
-            "bias": tolist(interleave([f['b' + k] for k in keys], [b['b' + k] for k in keys]))}
+def write(name, doc=None, **matrices):
+    """The model file name.json, and name_<key>.txt for each matrix."""
+    if doc is not None:
+        with open(os.path.join(HERE, name + '.json'), 'w') as fh:
+            fh.write(json.dumps(doc, separators=(',', ':')) + '\n')
+    for key, m in matrices.items():
+        with open(os.path.join(HERE, '%s_%s.txt' % (name, key)), 'w') as fh:
+            fh.write('%d %d\n' % m.shape + ''.join(' '.join('%.9e' % v for v in row) + '\n' for row in m))
 
 
-def quorlet_lstm_weights(gs):
-    keys = 'cifo'
-    peeps = 'ifo'
-    if len(gs) == 1:
-        g = gs[0]
-        return {"input": tolist(np.concatenate([np.ravel(g['W' + k]) for k in keys])),
-                "internal": tolist(np.concatenate([np.ravel(g['U' + k]) for k in keys] +
-                                                  [g['p' + k] for k in peeps])),
-                "bias": tolist(np.concatenate([g['b' + k] for k in keys]))}
-    f, b = gs
-    return {"input": tolist(interleave([f['W' + k] for k in keys], [b['W' + k] for k in keys])),
-            "internal": tolist(np.concatenate([interleave([f['U' + k] for k in keys], [b['U' + k] for k in keys]),
-                                               interleave([f['p' + k] for k in peeps],
-                                                          [b['p' + k] for k in peeps])])),
-            "bias": tolist(interleave([f['b' + k] for k in keys], [b['b' + k] for k in keys]))}
+def rotated(a):
+    """Tessel keeps the no-base output (the last column of the posteriors) first."""
+    return tolist(np.concatenate([a[-1:], a[:-1]]))
 
 
-def write_json(name, doc):
-    with open(os.path.join(HERE, name), 'w') as fh:
-        json.dump(doc, fh, separators=(',', ':'))
-        fh.write('\n')
-
-
-def write_matrix(name, m):
-    with open(os.path.join(HERE, name), 'w') as fh:
-        fh.write('%d %d\n' % m.shape)
-        for row in m:
-            fh.write(' '.join('%.9e' % v for v in row) + '\n')
-
-
-# ----------------------------------------------------------------------------------------------
 # One raw network in both dialects: convolution (stride 2, odd padding), bidirectional GRU,
 # reversed LSTM of 12, bidirectional LSTM, GRU, feed-forward elu, softmax of 65.
 
@@ -211,10 +135,10 @@ def dialect_network():
     winlen, stride, pad = 5, 2, (2, 1)
     conv_W = rand(6, winlen, 1, scale=0.8)
     conv_b = rand(6, scale=0.3)
-    bgru = [make_gru(6, 5), make_gru(6, 5)]
-    rlstm = make_lstm(10, 12)
-    blstm = [make_lstm(12, 8), make_lstm(12, 8)]
-    fgru = make_gru(16, 7)
+    bgru = [make_gates(6, 5, 'rzn'), make_gates(6, 5, 'rzn')]
+    rlstm = make_gates(10, 12, 'ifoc', 'ifo')
+    blstm = [make_gates(12, 8, 'ifoc', 'ifo'), make_gates(12, 8, 'ifoc', 'ifo')]
+    fgru = make_gates(16, 7, 'rzn')
     ff_W, ff_b = rand(9, 7), rand(9, scale=0.5)
     sm_W, sm_b = rand(65, 9, scale=1.0), rand(65, scale=0.5)
 
@@ -224,13 +148,11 @@ def dialect_network():
     y = lstm(y, rlstm, reverse=True)
     y = np.hstack([lstm(y, blstm[0]), lstm(y, blstm[1], reverse=True)])
     y = gru(y, fgru)
-    y = dense(y, ff_W, ff_b, elu)
+    y = y @ ff_W.T + ff_b
+    y = np.where(y < 0, np.exp(y) - 1.0, y)  # elu
     post = softmax(y, sm_W, sm_b)
     post_temp = softmax(y, sm_W, sm_b, temp_weight=0.8, temp_bias=1.25)
 
-    # Tessel keeps the no-base output (the last column of the posteriors) first.
-    sm_W_file = np.vstack([sm_W[-1:], sm_W[:-1]])
-    sm_b_file = np.concatenate([sm_b[-1:], sm_b[:-1]])
     tessel = {
         "type": "serial", "meta": {"feature_function": "raw"},
         "sublayers": [
@@ -248,7 +170,7 @@ def dialect_network():
             {"type": "feed-forward", "insize": 7, "size": 9, "activation": "elu",
              "params": {"W": tolist(ff_W), "b": tolist(ff_b)}},
             {"type": "softmax_old", "insize": 9, "size": 65,
-             "params": {"W": tolist(sm_W_file), "b": tolist(sm_b_file)}},
+             "params": {"W": rotated(sm_W), "b": rotated(sm_b)}},
         ]}
     quorlet = {
         "meta": {"feature_function": "raw", "window": [0]},
@@ -266,26 +188,24 @@ def dialect_network():
         ],
         "weights": {
             "conv": {"input": tolist(np.ravel(conv_W)), "bias": tolist(conv_b)},
-            "bgru": quorlet_gru_weights(bgru),
-            "rlstm": quorlet_lstm_weights([rlstm]),
-            "blstm": quorlet_lstm_weights(blstm),
-            "gru": quorlet_gru_weights([fgru]),
+            "bgru": quorlet_weights(bgru, 'rzn'),
+            "rlstm": quorlet_weights([rlstm], 'cifo', 'ifo'),
+            "blstm": quorlet_weights(blstm, 'cifo', 'ifo'),
+            "gru": quorlet_weights([fgru], 'rzn'),
             "ff": {"input": tolist(np.ravel(ff_W)), "bias": tolist(ff_b)},
             "out": {"input": tolist(np.ravel(sm_W)), "bias": tolist(sm_b)},
         }}
-    write_json('dialect_tessel.json', tessel)
-    write_json('dialect_quorlet.json', quorlet)
-    write_matrix('dialect_input.txt', x)
-    write_matrix('dialect_expected.txt', post)
-    write_matrix('dialect_expected_temp.txt', post_temp)
+    write('dialect_tessel', tessel)
+    write('dialect_quorlet', quorlet)
+    write('dialect', input=x, expected=post, expected_temp=post_temp)
 
 
 # GRU forms only the Tessel dialect can express: a residual GRU, a reset-after-product GRU run in
 # reverse, both after a convolution, and a softmax of 5 (one-base labels); with a transducer flag.
 def gru_variants_network():
     conv_W, conv_b = rand(8, 3, 1, scale=0.8), rand(8, scale=0.3)
-    res = make_gru(8, 8)
-    mod = make_gru(8, 3)
+    res = make_gates(8, 8, 'rzn')
+    mod = make_gates(8, 3, 'rzn')
     sm_W, sm_b = rand(5, 3, scale=1.0), rand(5, scale=0.5)
     x = f32(rng.normal(size=(20, 1)))
     y = conv(x, conv_W, conv_b, 3, 1, 1, 1, np.tanh)
@@ -299,11 +219,8 @@ def gru_variants_network():
                {"type": "residual", "sublayer": tessel_gru(8, res)},
                {"type": "reverse", "sublayer": tessel_gru(8, mod, mod=True)},
                {"type": "softmax", "insize": 3, "size": 5,
-                "params": {"W": tolist(np.vstack([sm_W[-1:], sm_W[:-1]])),
-                           "b": tolist(np.concatenate([sm_b[-1:], sm_b[:-1]]))}}]}
-    write_json('tessel_gru_variants.json', doc)
-    write_matrix('tessel_gru_variants_input.txt', x)
-    write_matrix('tessel_gru_variants_expected.txt', post)
+                "params": {"W": rotated(sm_W), "b": rotated(sm_b)}}]}
+    write('tessel_gru_variants', doc, input=x, expected=post)
 
 
 # A flip-flop style output: scale * tanh of an affine map, no normalisation; relu before it.
@@ -313,7 +230,7 @@ def globalnorm_network():
     gn_W, gn_b = rand(40, 6, scale=1.0), rand(40, scale=0.5)
     x = f32(rng.normal(size=(30, 1)))
     y = conv(x, conv_W, conv_b, 4, 3, 2, 1, sigmoid)
-    y = dense(y, ff_W, ff_b, lambda v: np.maximum(v, 0.0))
+    y = np.maximum(y @ ff_W.T + ff_b, 0.0)
     y = 5.0 * np.tanh(y @ gn_W.T + gn_b)
     doc = {"type": "serial",
            "sublayers": [
@@ -323,9 +240,7 @@ def globalnorm_network():
                 "params": {"W": tolist(ff_W), "b": tolist(ff_b)}},
                {"type": "GlobalNormTwoState", "insize": 6, "size": 40,
                 "params": {"W": tolist(gn_W), "b": tolist(gn_b)}}]}
-    write_json('tessel_globalnorm.json', doc)
-    write_matrix('tessel_globalnorm_input.txt', x)
-    write_matrix('tessel_globalnorm_expected.txt', y)
+    write('tessel_globalnorm', doc, input=x, expected=y)
 
 
 if __name__ == '__main__':
