@@ -1,7 +1,6 @@
 #include "decoders/fast_align.h"
 
 #include <algorithm>
-#include <iostream>
 #include <stdexcept>
 #include <string>
 
@@ -55,14 +54,6 @@ bool FastAlign::SetKernel(BasecallCommon::KernelIsa isa) {
     kernel = k;
     kernel_isa = isa;
     return true;
-}
-
-std::int32_t FastAlign::MismatchScore(int row, int col) const {
-    if (row < 0 || col < 0 || row >= size || col >= size) {
-        std::clog << "Trying to access mismatch matrix element (" << row << ", " << col << ")!" << "\n";
-        return 0;
-    }
-    return scores[static_cast<std::size_t>(row) * size + col];
 }
 
 std::int32_t FastAlign::Align(const Sequence& firstSeq, const Sequence& secondSeq, AlignmentPath& path) {
@@ -124,12 +115,14 @@ std::int32_t FastAlign::Align(const Sequence& firstSeq, const Sequence& secondSe
     previous[0] = 0;
     cell_count = 1;
 
-    const double inv = 1.0 / (n + m + 1);
+    // Walk the centre along the straight line from (0, 0) to (n + 1/2, m + 1/2). The comparison is
+    // the floating-point one scaled by T = n + m + 1 and kept in integers, so that an exact tie is
+    // seen as one and always advances j.
+    const std::int64_t T = std::int64_t{n} + m + 1;
     int centreI = 0;
     int centreJ = 0;
     for (int d = 1; d <= total; ++d) {
-        // Walk the centre along the straight line from (0, 0) to (n, m); a tie advances j.
-        if (static_cast<double>(n + 1) * d * inv - centreI <= d * inv * (m + 1) - centreJ) {
+        if ((std::int64_t{n} + 1) * d - centreI * T <= (std::int64_t{m} + 1) * d - centreJ * T) {
             ++centreJ;
         } else {
             ++centreI;
