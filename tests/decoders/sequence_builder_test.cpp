@@ -102,6 +102,7 @@ TEST(QualityMatrix, LayoutChecksAndProduct) {
          "Posteriors must be dense and row-major for GetQualityData() function."},
         {postView, Common::MatView<float>(data.data(), 2, 12, 8), "Data must be dense and row-major for GetQualityData() function."},
         {postView, Common::MatView<float>(data.data(), 1, 12, 16), "Size mismatch in GetQualityData() function."},
-        {postView, Common::MatView<float>(data.data(), 2, 8, 16), "Size mismatch in GetQualityData() function."}};
+        {postView, Common::MatView<float>(data.data(), 2, 8, 16), "Size mismatch in GetQualityData() function."},
+        {postView, Common::MatView<float>(data.data(), 2, 16, 16), "Size mismatch in GetQualityData() function."}};
     for (auto& c : bad) EXPECT_EQ(ErrorOf([&] { m.Apply(c.post, c.data); }), c.error);
 }

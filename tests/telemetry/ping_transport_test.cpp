@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <rapidjson/document.h>
-
 #include "telemetry/json_text.h"
 #include "telemetry/telemetry_aggregator.h"
 #include "telemetry_test_util.h"
