@@ -24,6 +24,8 @@ public:
     virtual ~Aligner() = default;
     // Fills `path` and returns the alignment score.
     virtual std::int32_t Align(const Sequence& first, const Sequence& second, AlignmentPath& path) = 0;
+    // Element (row, col) of the score matrix.
+    virtual std::int32_t MismatchScore(int row, int col) const { (void)row; (void)col; return -1; }
 };
 
 }  // namespace PairAlignment

@@ -1,6 +1,7 @@
 #include "decoders/fast_align.h"
 
 #include <algorithm>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 
@@ -54,6 +55,14 @@ bool FastAlign::SetKernel(BasecallCommon::KernelIsa isa) {
     kernel = k;
     kernel_isa = isa;
     return true;
+}
+
+std::int32_t FastAlign::MismatchScore(int row, int col) const {
+    if (row < 0 || col < 0 || row >= size || col >= size) {
+        std::clog << "Trying to access mismatch matrix element (" << row << ", " << col << ")!" << "\n";
+        return 0;
+    }
+    return scores[static_cast<std::size_t>(row) * size + col];
 }
 
 std::int32_t FastAlign::Align(const Sequence& firstSeq, const Sequence& secondSeq, AlignmentPath& path) {

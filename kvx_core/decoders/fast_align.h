@@ -26,6 +26,7 @@ public:
 
     // Throws "Fast aligner does not allow non-unit-stride sequence vectors." for a strided view.
     std::int32_t Align(const Sequence& first, const Sequence& second, AlignmentPath& path) override;
+    std::int32_t MismatchScore(int row, int col) const override;
 
     int Band() const { return band; }
     // Cells filled by the last call, summed over anti-diagonals.

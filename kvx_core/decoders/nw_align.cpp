@@ -1,6 +1,7 @@
 #include "decoders/nw_align.h"
 
 #include <algorithm>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 
@@ -39,6 +40,14 @@ NWAlign::NWAlign(const Common::MatView<const int>& score_matrix, const std::vect
     nw_end_a = -g[5];
     nw_open_a = -g[6];
     nw_extend_a = -g[7];
+}
+
+std::int32_t NWAlign::MismatchScore(int row, int col) const {
+    if (row < 0 || col < 0 || row >= score_rows || col >= score_cols) {
+        std::clog << "Trying to access mismatch matrix element (" << row << ", " << col << ")!" << "\n";
+        return 0;
+    }
+    return score(row, col);
 }
 
 std::int32_t NWAlign::Align(const Sequence& first, const Sequence& second, AlignmentPath& path) {

@@ -19,6 +19,7 @@ public:
     NWAlign(const Common::MatView<const int>& score_matrix, const std::vector<int>& gap_penalties);
 
     std::int32_t Align(const Sequence& first, const Sequence& second, AlignmentPath& path) override;
+    std::int32_t MismatchScore(int row, int col) const override;
 
 private:
     std::int32_t score(int row, int col) const { return scores[static_cast<std::size_t>(row) * score_cols + col]; }

@@ -43,6 +43,9 @@ rapidjson::Value RunningMean::ToJson(rapidjson::Document::AllocatorType& allocat
 
 SegmentStats::SegmentStats()
     : qscore_hist(0.0f, 100.0f, 0.5f, "mean_qscore"),
+      speed_hist(1.0f, 1999.0f, 2.0f, "speed"),
+      events_hist(0.0f, 1000000.0f, 1000.0f, "length"),
+      bases_hist(0.0f, 1000000.0f, 1000.0f, "length"),
       ratio_hist(0.0f, 5.0f, 0.1f, "ratio"),
       gap_hist(0.0f, 5.0f, 0.05f, "length") {}
 

@@ -59,6 +59,10 @@ struct SegmentStats {
     std::uint64_t pairs_called = 0;
     Histogram qscore_hist;
     RunningMean qscore_mean;
+    // Single-strand statistics; kept so that both kinds of run share one record.
+    Histogram speed_hist;
+    Histogram events_hist;
+    Histogram bases_hist;
     Histogram ratio_hist;  // length of the earlier read over the later one, of each candidate
     Histogram gap_hist;    // open-pore time between the two reads of each candidate, seconds
     std::map<std::uint32_t, std::uint64_t> channel_reads;  // reads loaded, per channel

@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <iostream>
 #include <limits>
 #include <sstream>
 #include <string>
 
 #include "../common/test_support.h"
+#include "decoders/fast_align.h"
+#include "decoders/nw_align.h"
 
 namespace {
 
@@ -27,6 +30,18 @@ TEST(MismatchTable, LoadsRowMajorIntegerLogsOrSaysWhatIsWrong) {
     EXPECT_EQ(m.View()(5, 6), -460);  // logf(0.01) * 100 = -460.5
     EXPECT_EQ(m.View()(3, 7), std::numeric_limits<std::int32_t>::min());  // empty counts as 0
     EXPECT_EQ(m.View()(7, 3), -460);  // row-major
+    // Both aligners serve the matrix; a look-up outside it is reported on the log stream and scores 0.
+    PairAlignment::FastAlign fast(m.View(), {300, 300, 500, 300, 300, 500}, 1000);
+    PairAlignment::NWAlign nw(m.View(), {300, 300, 500, 300, 300, 500, 100, 100});
+    for (const PairAlignment::Aligner* a : {static_cast<const PairAlignment::Aligner*>(&fast),
+                                            static_cast<const PairAlignment::Aligner*>(&nw)}) {
+        EXPECT_EQ(a->MismatchScore(7, 3), -460);
+        std::ostringstream captured;
+        std::streambuf* old = std::clog.rdbuf(captured.rdbuf());
+        EXPECT_EQ(a->MismatchScore(64, 0), 0);
+        std::clog.rdbuf(old);
+        EXPECT_EQ(captured.str(), "Trying to access mismatch matrix element (64, 0)!\n");
+    }
 
     const auto error = [&](const std::string& text) {
         const std::string path = dir.File("bad.txt", text);
