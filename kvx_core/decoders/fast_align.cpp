@@ -124,12 +124,14 @@ std::int32_t FastAlign::Align(const Sequence& firstSeq, const Sequence& secondSe
     previous[0] = 0;
     cell_count = 1;
 
-    const double inv = 1.0 / (n + m + 1);
+    // Walk the centre along the straight line from (0, 0) to (n + 1/2, m + 1/2). The comparison is
+    // the floating-point one scaled by T = n + m + 1 and kept in integers, so that an exact tie is
+    // seen as one and always advances j.
+    const std::int64_t T = std::int64_t{n} + m + 1;
     int centreI = 0;
     int centreJ = 0;
     for (int d = 1; d <= total; ++d) {
-        // Walk the centre along the straight line from (0, 0) to (n, m); a tie advances j.
-        if (static_cast<double>(n + 1) * d * inv - centreI <= d * inv * (m + 1) - centreJ) {
+        if ((std::int64_t{n} + 1) * d - centreI * T <= (std::int64_t{m} + 1) * d - centreJ * T) {
             ++centreJ;
         } else {
             ++centreI;

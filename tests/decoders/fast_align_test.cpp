@@ -5,12 +5,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
-#include <numeric>
 #include <random>
-#include <sstream>
 #include <vector>
 
-#include "decoders/kernel_isa.h"
+#include "../common/test_support.h"
+#include "decoder_test_util.h"
 
 namespace {
 
@@ -33,43 +32,32 @@ struct Problem {
 
 Sequence view(const std::vector<int>& v) { return Sequence(v.data(), v.size(), 1); }
 
-// The centre of anti-diagonal d (i + j = d) is its cell nearest, along the anti-diagonal, to the
-// straight line from (0, 0) to (n + 1/2, m + 1/2): i - j nearest d (n - m) / (n + m + 1), the smaller
-// i - j on a tie. Returned as i, in exact integer arithmetic, trying the cells within two of where
-// the line crosses.
+// The centre (as i) of anti-diagonal d = i + j: i - j nearest d (n - m) / (n + m + 1), the smaller on a
+// tie, in integers; the line from (0, 0) to (n + 1/2, m + 1/2) crosses within two cells of it.
 int bandCentreI(int d, int n, int m) {
     const std::int64_t t = n + m + 1;
     const auto miss = [&](int i) { return std::llabs((2 * i - d) * t - std::int64_t{d} * (n - m)); };
     const int crossing = static_cast<int>(std::int64_t{d} * (n + 1) / t);
     int best = std::max(0, crossing - 2);
     for (int i = best + 1; i <= std::min(d, crossing + 2); ++i) {
-        if (miss(i) < miss(best)) {
-            best = i;
-        }
+        if (miss(i) < miss(best)) best = i;
     }
     return best;
 }
 
-// Plain full-matrix linear-gap global alignment with the aligner's penalties and tie rules: start
-// penalties along row 0 and column 0, end penalties along row n and column m, a diagonal on any tie,
-// and of two equal gaps the one that consumes the first sequence. Cells further than `half` steps
-// along their anti-diagonal from its centre are left unreachable. `cells` counts the others.
+// Full-matrix linear-gap alignment with the aligner's start/end penalties on the edges and tie rules
+// (diagonal first, then the gap consuming the first sequence), cells beyond `half` of the centre cut.
 std::int32_t bandedAlign(const Problem& p, int half, AlignmentPath& path, std::int64_t& cells) {
-    const int n = static_cast<int>(p.first.size());
-    const int m = static_cast<int>(p.second.size());
+    const int n = static_cast<int>(p.first.size()), m = static_cast<int>(p.second.size());
     std::vector<std::int64_t> H((n + 1) * (m + 1), kUnreachable);
     std::vector<int> code((n + 1) * (m + 1));
     const auto at = [m](int i, int j) { return i * (m + 1) + j; };
     std::vector<int> centre(n + m + 1);
-    for (int d = 0; d <= n + m; ++d) {
-        centre[d] = bandCentreI(d, n, m);
-    }
+    for (int d = 0; d <= n + m; ++d) centre[d] = bandCentreI(d, n, m);
     cells = 0;
     for (int i = 0; i <= n; ++i) {
         for (int j = 0; j <= m; ++j) {
-            if (std::abs(i - centre[i + j]) > half) {
-                continue;
-            }
+            if (std::abs(i - centre[i + j]) > half) continue;
             ++cells;
             if (i == 0 && j == 0) {
                 H[0] = 0;
@@ -104,58 +92,20 @@ std::int32_t bandedAlign(const Problem& p, int half, AlignmentPath& path, std::i
     return static_cast<std::int32_t>(H[at(n, m)]);
 }
 
-// A random scoring: a square matrix of few even values, so that scores tie often, and six penalties.
-Problem randomScoring(std::mt19937& rng, int alphabet) {
-    Problem p;
-    p.size = alphabet;
-    std::uniform_int_distribution<int> score(-3, 3);
-    std::uniform_int_distribution<int> gap(0, 4);
-    p.matrix.resize(alphabet * alphabet);
-    for (auto& s : p.matrix) {
-        s = score(rng) * 2;
-    }
-    for (int k = 0; k < 6; ++k) {
-        p.gaps.push_back(gap(rng));
-    }
-    return p;
-}
-
-std::vector<int> randomSequence(std::mt19937& rng, int alphabet, int length) {
-    std::uniform_int_distribution<int> symbol(0, alphabet - 1);
-    std::vector<int> out(length);
-    for (auto& x : out) {
-        x = symbol(rng);
-    }
-    return out;
-}
-
-std::vector<KernelIsa> availableKernels() {
-    std::vector<KernelIsa> out;
-    for (KernelIsa isa : {KernelIsa::Scalar, KernelIsa::Sse2, KernelIsa::Avx2, KernelIsa::Avx512}) {
-        if (BasecallCommon::IsaSupported(isa)) {
-            out.push_back(isa);
-        }
-    }
-    return out;
-}
-
-// Every kernel against the reference: small problems inside a band that covers them (the exact
-// optimum) and larger ones inside narrow bands, where the band's walk decides which cells exist. Each
-// scoring serves a run of problems of varying sizes through the same aligners, as a worker reuses
-// its own; half the scorings give the penalties in the eight-long affine layout, whose extension
-// terms the aligner ignores.
+// Every kernel against the reference, in bands that cover the problem (the exact optimum) and narrow
+// ones; aligners are reused as a worker reuses its own, and half the scorings use the affine layout.
 TEST(FastAlign, MatchesBandedFullMatrixReference) {
     std::mt19937 rng(20240611);
-    const auto kernels = availableKernels();
+    const auto kernels = AvailableKernels();
     ASSERT_GE(kernels.size(), 2u);
     const std::vector<int> bands = {1001, 1001, 1, 3, 4, 9, 31, 64, 101};
     for (int scoring = 0; scoring < 40; ++scoring) {
         const int alphabet = scoring % 4 == 3 ? 64 : 2 + scoring % 3;
-        Problem p = randomScoring(rng, alphabet);
+        // A square matrix of few even values, so that scores tie often, and six penalties.
+        Problem p{alphabet, RandomInts(rng, alphabet * alphabet, -3, 3), RandomInts(rng, 6, 0, 4), {}, {}};
+        for (auto& s : p.matrix) s *= 2;
         std::vector<int> gaps = p.gaps;
-        if (scoring % 2) {
-            gaps = {p.gaps[0], p.gaps[1], p.gaps[2], 999, p.gaps[3], p.gaps[4], p.gaps[5], 777};
-        }
+        if (scoring % 2) gaps = {p.gaps[0], p.gaps[1], p.gaps[2], 999, p.gaps[3], p.gaps[4], p.gaps[5], 777};
         std::map<std::pair<int, KernelIsa>, FastAlign> aligners;
         for (const int band : bands) {
             for (KernelIsa isa : kernels) {
@@ -169,14 +119,9 @@ TEST(FastAlign, MatchesBandedFullMatrixReference) {
             const int band = bands[trial % bands.size()];
             std::uniform_int_distribution<int> length(1, band > 1000 ? 40 : 300);
             const int n = length(rng);
-            int m = length(rng);
-            // On an exact tie between the two ways to move the centre the aligner's floating-point
-            // comparison may go either way; lengths with |n - m| prime to n + m + 1 have no such tie.
-            while (band < 1000 && std::gcd(std::abs(n - m), n + m + 1) != 1) {
-                m = length(rng);
-            }
-            p.first = randomSequence(rng, alphabet, n);
-            p.second = randomSequence(rng, alphabet, m);
+            const int m = length(rng);  // lengths where the band centre walk ties included
+            p.first = RandomInts(rng, n, 0, alphabet - 1);
+            p.second = RandomInts(rng, m, 0, alphabet - 1);
             // Sequences that fit in the band are covered whole.
             const bool whole = std::max(n, m) <= (band | 1);
             AlignmentPath expected;
@@ -185,9 +130,8 @@ TEST(FastAlign, MatchesBandedFullMatrixReference) {
                 bandedAlign(p, whole ? (std::max(n, m) + 1) / 2 : band / 2, expected, expectedCells);
             ASSERT_TRUE(!whole || expectedCells == std::int64_t{n + 1} * (m + 1));
             for (KernelIsa isa : kernels) {
-                SCOPED_TRACE("scoring " + std::to_string(scoring) + " trial " + std::to_string(trial) + " kernel " +
-                             BasecallCommon::IsaName(isa) + " band " + std::to_string(band) + " lengths " +
-                             std::to_string(n) + ", " + std::to_string(m));
+                SCOPED_TRACE(std::string(BasecallCommon::IsaName(isa)) + " scoring " + std::to_string(scoring) + " band " +
+                             std::to_string(band) + " lengths " + std::to_string(n) + ", " + std::to_string(m));
                 FastAlign& aligner = aligners.at({band, isa});
                 AlignmentPath path{{7, 7}};  // cleared by the call
                 ASSERT_EQ(aligner.Align(view(p.first), view(p.second), path), expectedScore);
@@ -199,44 +143,19 @@ TEST(FastAlign, MatchesBandedFullMatrixReference) {
 }
 
 TEST(FastAlign, EmptySequencesAndFailures) {
-    std::vector<int> matrix = {2, -2, -2, 2};
+    std::vector<int> matrix = {2, -2, -2, 2}, none, three = {0, 1, 0}, outside = {0, 2};
     const Common::MatView<const int> scores(matrix.data(), 2, 2, 2, 1);
     FastAlign aligner(scores, {1, 1, 3, 1, 1, 3}, 1001);
-    std::vector<int> none;
-    std::vector<int> three = {0, 1, 0};
-    AlignmentPath path;
-    EXPECT_EQ(aligner.Align(view(none), view(none), path), kUnreachable);
-    EXPECT_TRUE(path.empty());
-    // The empty cases append to what the path already holds.
-    path = {{9, 9}};
+    AlignmentPath path{{9, 9}};  // the empty cases append to what the path holds
     EXPECT_EQ(aligner.Align(view(none), view(three), path), kUnreachable);
-    EXPECT_EQ(path, (AlignmentPath{{9, 9}, {-1, 0}, {-1, 1}, {-1, 2}}));
-    path.clear();
     EXPECT_EQ(aligner.Align(view(three), view(none), path), kUnreachable);
-    EXPECT_EQ(path, (AlignmentPath{{0, -1}, {1, -1}, {2, -1}}));
-
-    try {
-        FastAlign bad(scores, {1, 2, 3, 4, 5, 6, 7}, 11);
-        FAIL() << "seven penalties accepted";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Gap penalty vector must be length 6 or 8.");
-    }
-    try {
-        aligner.Align(Sequence(three.data(), 2, 2), view(three), path);
-        FAIL() << "strided view accepted";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Fast aligner does not allow non-unit-stride sequence vectors.");
-    }
-    std::vector<int> outside = {0, 2};
-    EXPECT_THROW(aligner.Align(view(outside), view(three), path), std::runtime_error);
-
-    // Out-of-range look-ups report on the log stream and score 0.
-    std::ostringstream captured;
-    std::streambuf* old = std::clog.rdbuf(captured.rdbuf());
-    const std::int32_t s = aligner.MismatchScore(2, -1);
-    std::clog.rdbuf(old);
-    EXPECT_EQ(s, 0);
-    EXPECT_EQ(captured.str(), "Trying to access mismatch matrix element (2, -1)!\n");
+    EXPECT_EQ(path, (AlignmentPath{{9, 9}, {-1, 0}, {-1, 1}, {-1, 2}, {0, -1}, {1, -1}, {2, -1}}));
+    using TestSupport::ErrorOf;
+    EXPECT_EQ(ErrorOf([&] { FastAlign(scores, {1, 2, 3, 4, 5, 6, 7}, 11); }), "Gap penalty vector must be length 6 or 8.");
+    EXPECT_EQ(ErrorOf([&] { aligner.Align(Sequence(three.data(), 2, 2), view(three), path); }),
+              "Fast aligner does not allow non-unit-stride sequence vectors.");
+    EXPECT_EQ(ErrorOf([&] { aligner.Align(view(outside), view(three), path); }),
+              "Fast aligner given a sequence element outside the 2 by 2 score matrix.");
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
-#include <functional>
 #include <random>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "../common/test_support.h"
+#include "decoder_test_util.h"
 #include "decoders/hmm_caller.h"
 #include "decoders/hmm_kernels.h"
 #include "decoders/state_moves.h"
@@ -15,165 +13,38 @@
 using BasecallHMM::Caller;
 using BasecallHMM::CallerBase;
 namespace kernels = BasecallHMM::kernels;
+using TestSupport::ErrorOf;
 
 namespace {
 
-template <typename F>
-std::string ErrorOf(F f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no error>";
-}
-
 constexpr int kN = 64;
 
-// Transition weight of p -> s in the Viterbi sense and the back pointer code that names it: the best
-// of the kinds that lead from p to s, the earlier kind winning a tie. Code -1: no such transition.
-struct Edge {
-    double weight = 0.0;
-    int code = -1;
-};
-
-Edge viterbiEdge(int p, int s, double stay, double step, double skip) {
-    Edge e;
-    auto offer = [&](double w, int code) {
-        if (e.code < 0 || w > e.weight) {
-            e.weight = w;
-            e.code = code;
-        }
+// The model's edges out of p, ranked as the back pointer codes: stay 0, the steps 1 + m and the skips
+// 5 + m from the m-th predecessor group, the leak 21 into every state when it is on.
+brute_force::Edges modelEdges(const std::vector<std::vector<double>>& em, const Caller<64>& caller) {
+    return [&em, stay = caller.StayProb(), step = caller.StepProb(), skip = caller.SkipProb(),
+            leak = caller.LeakProb()](std::size_t r, int p, const brute_force::Offer& offer) {
+        offer(p, 0, stay * em[r][p]);
+        for (int b = 0; b < 4; ++b) offer((p % 16) * 4 + b, 1 + p / 16, step * em[r][(p % 16) * 4 + b]);
+        for (int b = 0; b < 16; ++b) offer((p % 4) * 16 + b, 5 + p / 4, skip * em[r][(p % 4) * 16 + b]);
+        for (int s = 0; s < kN && leak > 0; ++s) offer(s, 21, leak * em[r][s]);
     };
-    if (p == s) {
-        offer(stay, 0);
-    }
-    for (int m = 0; m < 4; ++m) {
-        if (p == m * (kN / 4) + s / 4) {
-            offer(step, 1 + m);
-        }
-    }
-    for (int m = 0; m < 16; ++m) {
-        if (p == m * (kN / 16) + s / 16) {
-            offer(skip, 5 + m);
-        }
-    }
-    return e;
-}
-
-// The best path over all state sequences, scored exactly in double. Among equal scores the Viterbi
-// recursion keeps, row by row from the end, the smallest final state and then the smallest back
-// pointer code, so that is the order used here.
-struct Brute {
-    double score = -1.0;
-    int optimalPaths = 0;  // how many paths reach the best score
-    std::vector<int> path;
-    std::vector<int> codes;  // code of the transition into each row (row 0 unused)
-};
-
-Brute bruteForceDecode(const std::vector<std::vector<double>>& em, double stay, double step, double skip,
-                       double leak) {
-    const std::size_t n = em.size();
-    Brute best;
-    std::vector<int> path(n), codes(n, -1);
-    auto better = [&](double score) {
-        if (score == best.score) {
-            ++best.optimalPaths;
-        } else if (score > best.score) {
-            best.optimalPaths = 1;
-        }
-        if (score != best.score) {
-            return score > best.score;
-        }
-        if (path[n - 1] != best.path[n - 1]) {
-            return path[n - 1] < best.path[n - 1];
-        }
-        for (std::size_t r = n - 1; r >= 1; --r) {
-            if (codes[r] != best.codes[r]) {
-                return codes[r] < best.codes[r];
-            }
-        }
-        return false;
-    };
-    std::function<void(std::size_t, double)> walk = [&](std::size_t r, double score) {
-        if (r == n) {
-            if (better(score)) {
-                best.score = score;
-                best.path = path;
-                best.codes = codes;
-            }
-            return;
-        }
-        for (int s = 0; s < kN; ++s) {
-            Edge e = viterbiEdge(path[r - 1], s, stay, step, skip);
-            if (leak > 0.0 && (e.code < 0 || leak > e.weight)) {
-                e.weight = leak;
-                e.code = 21;
-            }
-            if (e.code < 0) {
-                continue;
-            }
-            path[r] = s;
-            codes[r] = e.code;
-            walk(r + 1, score * e.weight * em[r][s]);
-        }
-    };
-    for (int s = 0; s < kN; ++s) {
-        path[0] = s;
-        if (n == 1) {
-            if (better(em[0][s])) {
-                best.score = em[0][s];
-                best.path = path;
-                best.codes = codes;
-            }
-        } else {
-            walk(1, em[0][s]);
-        }
-    }
-    return best;
-}
-
-double pathScore(const std::vector<std::vector<double>>& em, const std::vector<int>& path, double stay, double step,
-                 double skip, double leak) {
-    double score = em[0][path[0]];
-    for (std::size_t r = 1; r < path.size(); ++r) {
-        Edge e = viterbiEdge(path[r - 1], path[r], stay, step, skip);
-        double w = e.code < 0 ? 0.0 : e.weight;
-        w = std::max(w, leak);
-        score *= w * em[r][path[r]];
-    }
-    return score;
-}
-
-std::vector<float> flatten(const std::vector<std::vector<double>>& em) {
-    std::vector<float> out;
-    for (const auto& row : em) {
-        out.insert(out.end(), row.begin(), row.end());
-    }
-    return out;
 }
 
 }  // namespace
 
 TEST(Caller, FactoryAndTransitionSettings) {
-    for (int n : {64, 256, 1024, 4096, 16384, 65536, 262144, 1048576}) {
-        EXPECT_EQ(BasecallHMM::CreateCaller(n)->NumStates(), n);
+    for (int n : {64, 256, 1024, 4096, 16384, 65536, 262144, 1048576, 0, 1, 16, 128}) {
+        const std::string error = ErrorOf([&] { EXPECT_EQ(BasecallHMM::CreateCaller(n)->NumStates(), n); });
+        EXPECT_EQ(error, n >= 64 && (n & (n - 1)) == 0 && n != 128 ? "<no error>"
+                         : "Unsupported number of states: " + std::to_string(n) +
+                               ". State count should be a positive power of 4.");
     }
-    for (int n : {0, 1, 4, 16, 100, 128, 1000}) {
-        EXPECT_EQ(ErrorOf([&] { BasecallHMM::CreateCaller(n); }),
-                  "Unsupported number of states: " + std::to_string(n) +
-                      ". State count should be a positive power of 4.");
-    }
+    // Weights normalised over the three kinds, then shared by 4 steps and 16 skips; the leak per state.
     Caller<1024> caller;
-    EXPECT_EQ(caller.NumStates(), 1024);
-    caller.SetTrans(1, 1, 2, 0);
-    EXPECT_FLOAT_EQ(caller.StayProb(), 0.25f);
-    EXPECT_FLOAT_EQ(caller.StepProb(), 0.0625f);
-    EXPECT_FLOAT_EQ(caller.SkipProb(), 0.03125f);
-    EXPECT_FLOAT_EQ(caller.LeakProb(), 0.0f);
-    caller.SetTrans(2, 2, 4, 2048);
-    EXPECT_FLOAT_EQ(caller.StayProb(), 0.25f);
-    EXPECT_FLOAT_EQ(caller.LeakProb(), 2.0f);
+    caller.SetTrans(1, 1, 2, 2048);
+    EXPECT_EQ(std::vector<float>({caller.StayProb(), caller.StepProb(), caller.SkipProb(), caller.LeakProb()}),
+              std::vector<float>({0.25f, 0.0625f, 0.03125f, 2.0f}));
 }
 
 TEST(Caller, ZeroRowFailsAndWrongWidthIsRefused) {
@@ -184,14 +55,12 @@ TEST(Caller, ZeroRowFailsAndWrongWidthIsRefused) {
     Common::EmissionBase<float> emissions(em.data(), 4, 64, 64);
     std::vector<int> path;
     EXPECT_FALSE(caller.Decode(emissions, path));
-    std::vector<float> narrow(4 * 63, 1.0f);
-    Common::EmissionBase<float> wrong(narrow.data(), 4, 63, 63);
-    EXPECT_EQ(ErrorOf([&] { caller.Decode(wrong, path); }), "Unexpected size of posterior matrix.");
+    EXPECT_EQ(ErrorOf([&] { caller.Decode(Common::EmissionBase<float>(em.data(), 4, 63, 63), path); }),
+              "Unexpected size of posterior matrix.");
 }
 
-// Against every path scored in double. Powers of two make every product exact, in float after row
-// scaling as in double, so ties are real ties and the tie rules decide; they come up often with only
-// five emission values. Continuous values, with and without a leak, are then compared by score.
+// Against every path: powers of two make every product exact, in float as in double, so ties are
+// real and the tie rules decide. Continuous values, with and without a leak, compare by score.
 TEST(Caller64Decode, MatchesBruteForce) {
     std::mt19937 rng(7);
     const double values[] = {1.0, 0.5, 0.25, 0.125, 0.0625};
@@ -202,40 +71,35 @@ TEST(Caller64Decode, MatchesBruteForce) {
         const std::size_t n = 1 + trial % (exact ? 4 : 3);
         std::vector<std::vector<double>> em(n, std::vector<double>(kN));
         for (auto& row : em) {
-            for (auto& x : row) {
-                x = exact ? values[rng() % 5] : std::uniform_real_distribution<double>(0.01, 1.0)(rng);
-            }
+            for (auto& x : row) x = exact ? values[rng() % 5] : std::uniform_real_distribution<double>(0.01, 1.0)(rng);
         }
         const float* t = settings[exact ? trial % 4 : 4];
         Caller<64> caller;
         caller.SetTrans(t[0], t[1], t[2], exact || trial % 2 ? t[3] : 0.0f);
-        auto flat = flatten(em);
+        auto flat = Flatten(em);
         Common::EmissionBase<float> emissions(flat.data(), n, kN, kN);
         std::vector<int> path;
         std::vector<signed char> moves;
         ASSERT_TRUE(caller.Decode(emissions, path, moves));
-        const double stay = caller.StayProb(), step = caller.StepProb(), skip = caller.SkipProb();
-        const Brute brute = bruteForceDecode(em, stay, step, skip, caller.LeakProb());
+        const auto edges = modelEdges(em, caller);
+        const brute_force::Best brute = brute_force::Decode(n, em[0], edges);
         if (!exact) {
-            EXPECT_NEAR(pathScore(em, path, stay, step, skip, caller.LeakProb()) / brute.score, 1.0, 1e-5) << trial;
+            EXPECT_NEAR(brute_force::PathScore(path, em[0], edges) / brute.score, 1.0, 1e-5) << trial;
             continue;
         }
-        EXPECT_EQ(path, brute.path) << "trial " << trial;
+        EXPECT_EQ(path, brute.states) << "trial " << trial;
         std::vector<int> simple;
         ASSERT_TRUE(caller.SimpleDecode(emissions, simple));
         EXPECT_EQ(simple, path);
         // A column-major view of the same emissions decodes alike.
         std::vector<float> colMajor(n * kN);
-        for (std::size_t e = 0; e < n; ++e)
-            for (int s = 0; s < kN; ++s) colMajor[s * n + e] = flat[e * kN + s];
-        Common::EmissionBase<float> strided(colMajor.data(), n, kN, 1, static_cast<std::int64_t>(n));
-        ASSERT_TRUE(caller.Decode(strided, simple));
+        for (std::size_t e = 0; e < n * kN; ++e) colMajor[(e % kN) * n + e / kN] = flat[e];
+        ASSERT_TRUE(caller.Decode(Common::EmissionBase<float>(colMajor.data(), n, kN, 1, static_cast<std::int64_t>(n)), simple));
         EXPECT_EQ(simple, path);
         ASSERT_EQ(moves.size(), n);
         EXPECT_EQ(moves[0], 1);
         for (std::size_t r = 1; r < n; ++r) {
-            const int code = brute.codes[r];
-            EXPECT_EQ(moves[r], code == 0 ? 0 : code < 5 ? 1 : 2) << "trial " << trial << " row " << r;
+            EXPECT_EQ(moves[r], brute.ranks[r] == 0 ? 0 : brute.ranks[r] < 5 ? 1 : 2) << "trial " << trial << " row " << r;
         }
         // Trials with several optimal paths are the ones where the tie rules decide.
         ties += brute.optimalPaths > 1;
@@ -259,11 +123,8 @@ TEST(Caller, TransitionExpectationsOfOneHotPath) {
 TEST(StateMoves, SmallestNumberOfNewBases) {
     // k = 3: 0b00'01'10 (ACG) -> CGT is one base, GTA two, TAC three (no overlap).
     const int acg = 0 * 16 + 1 * 4 + 2, cgt = 1 * 16 + 2 * 4 + 3, gta = 2 * 16 + 3 * 4 + 0, tac = 3 * 16 + 0 + 1;
-    EXPECT_EQ(BasecallHMM::MoveBetweenStates(acg, acg, 3), 0);
-    EXPECT_EQ(BasecallHMM::MoveBetweenStates(acg, cgt, 3), 1);
-    EXPECT_EQ(BasecallHMM::MoveBetweenStates(acg, gta, 3), 2);
-    EXPECT_EQ(BasecallHMM::MoveBetweenStates(acg, tac, 3), 3);
-    // AAA -> AAA is a stay even though a step of A would also give it.
+    const int to[] = {acg, cgt, gta, tac};
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(BasecallHMM::MoveBetweenStates(acg, to[k], 3), k);
     std::vector<signed char> moves;
     BasecallHMM::MovesFromStates({acg, cgt, cgt, tac}, 3, moves);
     EXPECT_EQ(moves, (std::vector<signed char>{1, 1, 0, 2}));
@@ -286,36 +147,27 @@ TEST(HmmKernels, EveryBuildMatchesTheReference) {
                 post[s] = trial % 2 ? uni(rng) : static_cast<float>(rng() % 3) / 2.0f;
             }
             post[n] = uni(rng);
-            const kernels::TransParams tp{0.5f, 0.1f, 0.01f, trial % 3 == 0 ? 0.0f : 0.001f};
-            struct Out {
-                std::vector<float> d, t;
-                std::vector<std::uint8_t> codes;
-                std::vector<std::int32_t> trace;
-                float sums[2];
-                int leak;
-            };
+            const bool skips = trial % 4 >= 2;  // then ties among a skip's sixteen sources decide too
+            const kernels::TransParams tp{skips ? 0.01f : 0.5f, 0.1f, skips ? 0.5f : 0.01f, trial % 3 == 0 ? 0.0f : 0.001f};
+            // Every output of every row kernel, as bytes for an exact comparison.
             auto run = [&](const kernels::KernelSet* k) {
-                Out o{std::vector<float>(n), std::vector<float>(n), std::vector<std::uint8_t>(n),
-                      std::vector<std::int32_t>(n), {}, 0};
-                std::vector<float> work(kernels::WorkspaceFloats(n));
-                o.sums[0] = k->decodeRow(n, prev.data(), em.data(), o.d.data(), o.codes.data(), tp, work.data(),
-                                         &o.leak);
-                o.sums[1] =
-                    k->transducerRow(n, prev.data(), post.data(), post[n], o.t.data(), o.trace.data(), work.data());
-                k->scaleRow(n, o.d.data(), 1.0f / o.sums[0]);
-                return o;
+                std::vector<float> d(n), t(n), work(kernels::WorkspaceFloats(n));
+                std::vector<std::uint8_t> codes(n);
+                std::vector<std::int32_t> trace(n);
+                int leak = 0;
+                const float sums[3] = {
+                    k->decodeRow(n, prev.data(), em.data(), d.data(), codes.data(), tp, work.data(), &leak),
+                    k->transducerRow(n, prev.data(), post.data(), post[n], t.data(), trace.data(), work.data()),
+                    k->sumRow(n, em.data())};
+                k->scaleRow(n, d.data(), 1.0f / sums[0]);
+                std::string out(reinterpret_cast<const char*>(sums), sizeof sums);
+                out.append(reinterpret_cast<const char*>(d.data()), n * 4).append(reinterpret_cast<const char*>(t.data()), n * 4);
+                out.append(reinterpret_cast<const char*>(codes.data()), n).append(reinterpret_cast<const char*>(trace.data()), n * 4);
+                return out + std::to_string(leak);
             };
-            const Out ref = run(sets[0]);
+            const std::string ref = run(sets[0]);
             for (std::size_t i = 1; i < sets.size(); ++i) {
-                const Out got = run(sets[i]);
-                SCOPED_TRACE(std::string(sets[i]->name) + " n=" + std::to_string(n));
-                EXPECT_EQ(std::memcmp(ref.d.data(), got.d.data(), n * sizeof(float)), 0);
-                EXPECT_EQ(std::memcmp(ref.t.data(), got.t.data(), n * sizeof(float)), 0);
-                EXPECT_EQ(ref.codes, got.codes);
-                EXPECT_EQ(ref.trace, got.trace);
-                EXPECT_EQ(std::memcmp(ref.sums, got.sums, sizeof ref.sums), 0);
-                EXPECT_EQ(ref.leak, got.leak);
-                EXPECT_EQ(sets[0]->sumRow(n, em.data()), sets[i]->sumRow(n, em.data()));
+                EXPECT_TRUE(run(sets[i]) == ref) << sets[i]->name << " n=" << n << " trial " << trial;
             }
         }
     }

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
 #include <random>
 #include <vector>
 
+#include "decoder_test_util.h"
 #include "decoders/transducer_decoder.h"
 
 using BasecallHMM::TransducerDecoder;
@@ -12,96 +12,14 @@ using BasecallHMM::TransducerDecoder;
 namespace {
 
 constexpr int kN = 64;
-constexpr int kQ = kN / 4;
-constexpr int kR = kN / 16;
 
-// Back pointer rank of arriving at s from p, lower preferred: a step predecessor p = s/4 + m N/4 ranks
-// (1, m); a skip predecessor in step group t = s/16 + m' N/16 ranks (2, m', p / (N/4)). -1: p cannot
-// reach s. A keep (stay) ranks 0. This is the order in which the search breaks ties.
-int arriveRank(int p, int s) {
-    if (p % kQ == s / 4) {
-        return 10 + p / kQ;
-    }
-    const int group = p % kQ;
-    if (group % kR == s / 16) {
-        return 100 + (group / kR) * 10 + p / kQ;
-    }
-    return -1;
-}
-
-struct Brute {
-    double score = -1.0;
-    int optimalPaths = 0;
-    std::vector<int> states;
-    std::vector<int> ranks;
-    std::vector<double> bestEnding = std::vector<double>(kN, 0.0);  // best score ending in each state
-};
-
-// Every path: row 0 picks a state, each later row keeps it (times the stay column) or arrives at a
-// state reachable by a step or a skip (times that state's column). Exact in double for the powers of
-// two used below. Among equal scores: smallest final state, then smallest rank from the end back.
-Brute bruteForce(const std::vector<std::vector<double>>& post, double stayPenalty) {
-    const std::size_t n = post.size();
-    Brute best;
-    std::vector<int> states(n), ranks(n, 0);
-    auto offer = [&](double score) {
-        best.bestEnding[states[n - 1]] = std::max(best.bestEnding[states[n - 1]], score);
-        if (score == best.score) {
-            ++best.optimalPaths;
-        } else if (score > best.score) {
-            best.optimalPaths = 1;
-        }
-        bool better = score > best.score;
-        if (score == best.score) {
-            if (states[n - 1] != best.states[n - 1]) {
-                better = states[n - 1] < best.states[n - 1];
-            } else {
-                for (std::size_t r = n - 1; r >= 1; --r) {
-                    if (ranks[r] != best.ranks[r]) {
-                        better = ranks[r] < best.ranks[r];
-                        break;
-                    }
-                }
-            }
-        }
-        if (better) {
-            best.score = score;
-            best.states = states;
-            best.ranks = ranks;
-        }
+// Keeping p (the stay column, rank 0), or a step (rank 10 + m) or skip (rank 100 + 10 m' + m) from p.
+brute_force::Edges modelEdges(const std::vector<std::vector<double>>& post, double stayPenalty) {
+    return [&post, stayPenalty](std::size_t r, int p, const brute_force::Offer& offer) {
+        offer(p, 0, post[r][kN] * stayPenalty);
+        for (int b = 0; b < 4; ++b) offer((p % 16) * 4 + b, 10 + p / 16, post[r][(p % 16) * 4 + b]);
+        for (int b = 0; b < 16; ++b) offer((p % 4) * 16 + b, 100 + (p % 16 / 4) * 10 + p / 16, post[r][(p % 4) * 16 + b]);
     };
-    std::function<void(std::size_t, double)> walk = [&](std::size_t r, double score) {
-        if (r == n) {
-            offer(score);
-            return;
-        }
-        const int p = states[r - 1];
-        states[r] = p;
-        ranks[r] = 0;
-        walk(r + 1, score * post[r][kN] * stayPenalty);
-        for (int s = 0; s < kN; ++s) {
-            const int rank = arriveRank(p, s);
-            if (rank < 0) {
-                continue;
-            }
-            states[r] = s;
-            ranks[r] = rank;
-            walk(r + 1, score * post[r][s]);
-        }
-    };
-    for (int s = 0; s < kN; ++s) {
-        states[0] = s;
-        walk(1, post[0][s]);
-    }
-    return best;
-}
-
-std::vector<float> flatten(const std::vector<std::vector<double>>& rows) {
-    std::vector<float> out;
-    for (const auto& row : rows) {
-        out.insert(out.end(), row.begin(), row.end());
-    }
-    return out;
 }
 
 }  // namespace
@@ -114,12 +32,10 @@ TEST(TransducerDecode, MatchesBruteForceIncludingTies) {
         const std::size_t n = 1 + trial % 4;
         std::vector<std::vector<double>> post(n, std::vector<double>(kN + 1));
         for (auto& row : post) {
-            for (auto& x : row) {
-                x = values[rng() % 4];
-            }
+            for (auto& x : row) x = values[rng() % 4];
         }
         const double penalty = trial % 3 == 0 ? 0.5 : 1.0;
-        auto flat = flatten(post);
+        auto flat = Flatten(post);
         Common::MatView<float> view(flat.data(), n, kN + 1, kN + 1);
         std::vector<int> states;
         std::vector<signed char> moves;
@@ -127,15 +43,13 @@ TEST(TransducerDecode, MatchesBruteForceIncludingTies) {
         TransducerDecoder decoder;
         ASSERT_TRUE(decoder.Decode(view, states, moves, score, static_cast<float>(penalty), false));
 
-        const Brute brute = bruteForce(post, penalty);
+        std::vector<double> first(post[0].begin(), post[0].begin() + kN);
+        const brute_force::Best brute = brute_force::Decode(n, first, modelEdges(post, penalty));
         EXPECT_EQ(states, brute.states) << "trial " << trial;
         ASSERT_EQ(moves.size(), n);
         EXPECT_EQ(moves[0], 1);
         for (std::size_t r = 1; r < n; ++r) {
-            const int b = (brute.states[r - 1] % kQ) * 4;
-            const int expected =
-                brute.ranks[r] == 0 ? 0 : (brute.states[r] >= b && brute.states[r] <= b + 3 ? 1 : 2);
-            EXPECT_EQ(moves[r], expected) << "trial " << trial << " row " << r;
+            EXPECT_EQ(moves[r], brute.ranks[r] == 0 ? 0 : brute.ranks[r] < 100 ? 1 : 2) << "trial " << trial << " row " << r;
         }
         double total = 0;
         for (double v : brute.bestEnding) total += v;
@@ -150,21 +64,17 @@ TEST(TransducerDecode, RefusesOtherWidthsAndZeroRows) {
     std::vector<int> states;
     std::vector<signed char> moves;
     float score = 0;
-    for (std::uint64_t width : {64u, 66u, 1024u, 16385u}) {
-        std::vector<float> post(2 * width, 1.0f);
-        Common::MatView<float> view(post.data(), 2, width, static_cast<std::int64_t>(width));
+    for (std::uint64_t width : {64u, 66u, 1024u, 16385u, 257u}) {
+        std::vector<float> post(3 * width, 1.0f);
+        if (width == 257) std::fill(post.begin() + 257, post.begin() + 2 * 257, 0.0f);  // a zero row
+        Common::MatView<float> view(post.data(), 3, width, static_cast<std::int64_t>(width));
         EXPECT_FALSE(BasecallHMM::TransducerDecode(view, states, moves, score, 1.0f, false)) << width;
     }
-    std::vector<float> post(3 * 257, 1.0f);
-    std::fill(post.begin() + 257, post.begin() + 2 * 257, 0.0f);
-    Common::MatView<float> view(post.data(), 3, 257, 257);
-    EXPECT_FALSE(BasecallHMM::TransducerDecode(view, states, moves, score, 1.0f, false));
 }
 
 TEST(TransducerDecode, HomopolymerRecountUsesArrivalChances) {
-    // A path that keeps state 0 (AAA) over rows 0..3. In rows 1..3 arriving at 0 again has the chances
-    // 0.3, 0.45, 0.4 against the stay column: 1 + 1.15 + 0.5 truncates to 2 bases, so one extra base
-    // goes to row 2, the likeliest.
+    // State 0 kept over rows 0..3; arriving at 0 again has the chances 0.3, 0.45, 0.4: 1 + 1.15 + 0.5
+    // truncates to 2 bases, so the extra base goes to row 2, the likeliest.
     const double arrive[] = {0.0, 0.3, 0.45, 0.4};
     std::vector<float> post(4 * (kN + 1), 0.001f);
     post[0] = 1.0f;
