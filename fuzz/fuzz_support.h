@@ -52,19 +52,16 @@ inline void CheckLabels(const std::vector<std::int32_t>& labels, std::size_t blo
 // A directory of this process, on a memory file system when there is one, removed at exit. Every
 // file a target writes goes here, under a fixed name, so a long run does not fill the disk.
 inline const std::string& ScratchDir() {
-    static const std::string dir = [] {
-        namespace fs = std::filesystem;
-        const fs::path base = fs::is_directory("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path();
-        static std::string made = (base / "kvx_fuzz.XXXXXX").string();
-        if (mkdtemp(made.data()) == nullptr) {
-            throw std::runtime_error("Cannot make a scratch directory under " + base.string());
-        }
-        std::atexit([] {
-            std::error_code ignored;
-            std::filesystem::remove_all(made, ignored);
-        });
-        return made;
-    }();
+    namespace fs = std::filesystem;
+    static const std::string dir =
+        ((fs::is_directory("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path()) /
+         ("kvx_fuzz." + std::to_string(getpid())))
+            .string();
+    static const bool made = (fs::create_directories(dir), fs::is_directory(dir)) && std::atexit([] {
+        std::error_code ignored;
+        fs::remove_all(dir, ignored);
+    }) == 0;
+    Check(made, "a scratch directory of this process");
     return dir;
 }
 
