@@ -16,9 +16,7 @@
 #include "../data_api/test_files.h"
 #include "async_caller/file_data_handler_md.h"
 #include "async_caller/prior_aligner.h"
-#include "common/kmer_table.h"
 #include "common/table_reader.h"
-#include "data_api/h5_object.h"
 #include "data_api/rawh5_read_source.h"
 #include "decoders/fast_align.h"
 #include "decoders/mismatch_table.h"
@@ -184,7 +182,6 @@ TEST(SingleStrandRun, AnnotatesEveryReadForThePairRun) {
         index.GetColumn(index.ColumnIndex(name), values, empty);
         return values;
     };
-    EXPECT_GE(index.ColumnIndex("run_id") + index.ColumnIndex("channel") + index.ColumnIndex("mean_qscore_template"), 2);
     const auto ids = column("read_id", std::string()), files = column("filename", std::string());
     const auto starts = column("start_time", 0.0), durations = column("duration", 0.0);
     const auto lengths = column("sequence_length_template", 0.0);

@@ -42,15 +42,19 @@ double Covariance(const std::vector<double>& x, const std::vector<double>& y) {
 }
 
 // How one read's signal follows its truth: the mean of each base's event (as base_starts mark them
-// out) correlated with the pore table's level of its 6-mer, and the samples per base.
+// out) correlated with the pore table's level of its 6-mer, the samples per base, and the spread of
+// the samples around their event's mean over the spread the table gives its 6-mer (pooled).
 struct Measured {
     double correlation = 0;
     double meanDwell = 0;
+    double noise = 0;
+    double gain = 0, shift = 0;  // least-squares line of the event means against the table's levels
 };
 
 Measured Measure(const SimulatedRead& r, const DigitiserSettings& dig, const PoreLevels& levels) {
     const double scale = dig.range / dig.digitisation;
     std::vector<double> means, table, dwells;
+    double squares = 0, expected = 0;
     for (std::size_t j = 5; j + 1 < r.sequence.size(); ++j) {
         EXPECT_LT(r.base_starts[j], r.base_starts[j + 1]) << "every base dwells at least one sample";
         double sum = 0;
@@ -64,8 +68,14 @@ Measured Measure(const SimulatedRead& r, const DigitiserSettings& dig, const Por
             kmer = kmer * 4 + static_cast<int>(std::string("ACGT").find(r.sequence[k]));
         }
         table.push_back(levels.level_mean[kmer]);
+        for (auto s = r.base_starts[j]; s < r.base_starts[j + 1]; ++s) {
+            squares += std::pow((r.raw[s] + dig.offset) * scale - means.back(), 2);
+        }
+        expected += (dwells.back() - 1) * std::pow(levels.level_stdv[kmer], 2);
     }
-    return {Covariance(table, means) / std::sqrt(Covariance(table, table) * Covariance(means, means)), Mean(dwells)};
+    return {Covariance(table, means) / std::sqrt(Covariance(table, table) * Covariance(means, means)), Mean(dwells),
+            std::sqrt(squares / expected), Covariance(table, means) / Covariance(table, table),
+            Mean(means) - Covariance(table, means) / Covariance(table, table) * Mean(table)};
 }
 }  // namespace
 
@@ -82,6 +92,7 @@ TEST(ReadSimulator, SignalFollowsThePoreModelAndTheTruth) {
         const Measured m = Measure(r, dig, levels);
         EXPECT_GT(m.correlation, 0.9) << r.read_id;
         EXPECT_NEAR(m.meanDwell, 9.0, 1.5) << r.read_id;
+        EXPECT_NEAR(m.noise, 1.0, 0.2) << r.read_id;
         byId[r.read_id] = &r;
     }
     // Pairs: strand 2 is the reverse complement, on the same pore, less than 0.5 s later.
@@ -95,6 +106,17 @@ TEST(ReadSimulator, SignalFollowsThePoreModelAndTheTruth) {
         const double gap = double(b->start_sample) / 4000.0 - double(a->start_sample + a->raw.size()) / 4000.0;
         EXPECT_GT(gap, 0.0);
         EXPECT_LT(gap, 0.5);
+    }
+    // With no spread of gain and offset, and a digitiser of its own, the levels are the table's.
+    SimulatorOptions plain = SmallOptions(4);
+    plain.scale_spread = plain.offset_spread = 0.0;
+    DigitiserSettings own;
+    own.offset = 40.0;
+    own.range = 1800.0;
+    for (const auto& r : ReadSimulator(plain, own, levels, "").Run(pairs)) {
+        const Measured m = Measure(r, own, levels);
+        EXPECT_NEAR(m.gain, 1.0, 0.01) << r.read_id;
+        EXPECT_NEAR(m.shift, 0.0, 1.5) << r.read_id;
     }
     // Same seed, same data.
     std::vector<SimulatedPair> pairs2;
