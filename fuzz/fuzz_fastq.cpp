@@ -2,12 +2,7 @@
 // read's "Fastq" data set as the pair loader reads it (title, sequence line, the rest), with a
 // "Move" array that agrees with the sequence line, so that the sequence reaches the label look-up.
 
-#include <cstddef>
-#include <cstdint>
-#include <exception>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "async_caller/file_data_handler_md.h"
 #include "common/fastq_record.h"
@@ -48,11 +43,7 @@ std::vector<std::uint8_t> movesFor(std::size_t bases, std::size_t k) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    try {
-        walkRecords(text);
-    } catch (const std::exception& e) {
-        fuzz::Refused(e);
-    }
+    fuzz::Try([&] { walkRecords(text); });
 
     const std::size_t first = text.find('\n');
     const std::size_t second = first == std::string::npos ? first : text.find('\n', first + 1);
@@ -60,17 +51,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const std::size_t k : {1, 3, 5}) {
         const std::vector<std::uint8_t> moves = movesFor(bases, k);
         for (const bool secondStrand : {false, true}) {
-            try {
+            fuzz::Try([&] {
                 std::vector<std::int32_t> labels;
                 if (AsyncCaller::LabelsFromMoves(moves, text, secondStrand, labels)) {
-                    fuzz::Check(labels.size() == moves.size(), "one label per block");
-                    for (const std::int32_t label : labels) {
-                        fuzz::Check(label >= 0 && label < 64, "labels are 3-mers");
-                    }
+                    fuzz::CheckLabels(labels, moves.size());
                 }
-            } catch (const std::exception& e) {
-                fuzz::Refused(e);
-            }
+            });
         }
     }
     return 0;

@@ -8,14 +8,6 @@
 //   Events: a field count (1 to 6), per field a name byte, a type byte and a string-width byte,
 //           then the table's bytes, row after row; the rows are as many as the bytes fill.
 
-#include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <exception>
-#include <string>
-#include <vector>
-
 #include "async_caller/file_data_handler_md.h"
 #include "data_api/data_table.h"
 #include "fuzz_support.h"
@@ -31,21 +23,12 @@ const DataAPI::DataType kTypes[] = {DataAPI::DataType::FixedString, DataAPI::Dat
 // Rows beyond this add nothing a shorter table does not show, only time.
 constexpr std::uint64_t kMaxRows = 1 << 14;
 
-void checkLabels(const std::vector<std::int32_t>& labels, std::size_t blocks) {
-    fuzz::Check(labels.size() == blocks, "one label per block");
-    for (const std::int32_t label : labels) {
-        fuzz::Check(label >= 0 && label < 64, "labels are 3-mers");
-    }
-}
-
 void fromMoves(fuzz::ByteReader& in, bool secondStrand) {
-    const std::size_t count = in.Take<std::uint16_t>();
-    const std::string bytes = in.TakeBytes(count);
+    const std::string bytes = in.TakeBytes(in.Take<std::uint16_t>());
     const std::vector<std::uint8_t> moves(bytes.begin(), bytes.end());
-    const std::string fastq = in.Rest();
     std::vector<std::int32_t> labels;
-    if (AsyncCaller::LabelsFromMoves(moves, fastq, secondStrand, labels)) {
-        checkLabels(labels, moves.size());
+    if (AsyncCaller::LabelsFromMoves(moves, in.Rest(), secondStrand, labels)) {
+        fuzz::CheckLabels(labels, moves.size());
     }
 }
 
@@ -71,7 +54,7 @@ void fromEvents(fuzz::ByteReader& in, bool secondStrand) {
     }
     std::vector<std::int32_t> labels;
     AsyncCaller::LabelsFromEvents(table, secondStrand, labels);
-    checkLabels(labels, table.Rows());
+    fuzz::CheckLabels(labels, table.Rows());
 }
 
 }  // namespace
@@ -79,14 +62,6 @@ void fromEvents(fuzz::ByteReader& in, bool secondStrand) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::ByteReader in(data, size);
     const std::uint8_t kind = in.Take<std::uint8_t>();
-    try {
-        if (kind & 2) {
-            fromEvents(in, kind & 1);
-        } else {
-            fromMoves(in, kind & 1);
-        }
-    } catch (const std::exception& e) {
-        fuzz::Refused(e);
-    }
+    fuzz::Try([&] { (kind & 2) ? fromEvents(in, kind & 1) : fromMoves(in, kind & 1); });
     return 0;
 }

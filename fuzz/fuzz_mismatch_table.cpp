@@ -1,19 +1,13 @@
 // The mismatch table of the prior alignment, loaded the way set-up loads it and then used once, by
 // the prior alignment of two label sequences, the way every pair uses it.
 
-#include <cstddef>
-#include <cstdint>
-#include <exception>
-#include <string>
-#include <vector>
-
 #include "async_caller/prior_aligner.h"
 #include "decoders/mismatch_table.h"
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string path = fuzz::WriteScratchFile("mismatch_table.txt", data, size);
-    try {
+    fuzz::Try([&] {
         const PairAlignment::MismatchMatrix matrix = PairAlignment::LoadMismatchMatrix(path);
         fuzz::Check(matrix.values.size() == 64 * 64, "a loaded table has 4096 scores");
 
@@ -37,8 +31,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                             aligner.start2 + aligner.length2 <= second.size() * 10,
                         "the aligned stretches lie inside the labelled signal");
         }
-    } catch (const std::exception& e) {
-        fuzz::Refused(e);
-    }
+    });
     return 0;
 }

@@ -3,14 +3,8 @@
 // chain must be refused, and one short strand called through a runner, so that a model that loads
 // but cannot run shows here rather than in the middle of a run.
 
-#include <algorithm>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
-#include <exception>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "basecall_nn/basecall_config.h"
 #include "basecall_nn/nn_caller_cblas.h"
@@ -19,18 +13,14 @@
 #include "common/views.h"
 #include "fuzz_support.h"
 
-namespace {
-
 // Rows of the network's output for the short strand. Small, so that a model with wide layers still
 // runs quickly; a model whose stride asks for more samples than this bound is not run.
 constexpr std::size_t kEvents = 12;
 constexpr std::size_t kMaxSamples = 1 << 14;
 
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string path = fuzz::WriteScratchFile("model.json", data, size);
-    try {
+    fuzz::Try([&] {
         BasecallNN::BasecallSettings settings;
         settings.model_file = path;
         const BasecallNN::BasecallConfig config("", settings);
@@ -48,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const bool raw = network->feature_kind == BasecallNN::kFeaturesRaw;
         const std::size_t stride = static_cast<std::size_t>(std::max(network->event_stride, 1));
         if (raw && stride > kMaxSamples / kEvents) {
-            return 0;
+            return;
         }
         const std::size_t samples = raw ? kEvents * stride : 0;
         std::vector<float> signal(samples);
@@ -70,8 +60,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         runner->Call(events, Common::VecView<float>(signal.data(), signal.size(), 1), 4000.0f, transitions, 1e-5f,
                      -1, -1, true, true, false);
         fuzz::Check(runner->posteriors.rows <= kEvents, "no more posterior rows than events");
-    } catch (const std::exception& e) {
-        fuzz::Refused(e);
-    }
+    });
     return 0;
 }

@@ -2,12 +2,6 @@
 // header and type checks, then read through the view of its type, every field and array of it, and
 // handed on to another ZeroMQ message as a send does.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <exception>
-#include <string>
-
 #include <zmq.h>
 
 #include "fuzz_support.h"
@@ -57,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size > 0) {
         std::memcpy(zmq_msg_data(&frame), data, size);
     }
-    try {
+    fuzz::Try([&] {
         IpcTools::Message message(&frame);
         fuzz::Check(message.Size() == size, "a received message keeps its frame's size");
         readAll(message);
@@ -66,9 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         message.Send(&sent);
         fuzz::Check(message.Empty() && zmq_msg_size(&sent) == size, "a send hands the whole frame on");
         zmq_msg_close(&sent);
-    } catch (const std::exception& e) {
-        fuzz::Refused(e);
-    }
+    });
     zmq_msg_close(&frame);
     return 0;
 }

@@ -9,15 +9,13 @@ for the index, the FASTQ text and the 1D arrays, from a single-strand run of the
     build/bin/basecaller_1d --input_path tb/reads --save_path tb/calls_1d
     /usr/bin/python3 fuzz/make_corpus.py --run tb
 
-Without --run those seeds are left as they are. Broken seeds (the names start with "broken_") are
-written by hand here, one per way of being wrong that the parser must refuse cleanly. Inputs that
-once crashed a target are kept beside them (names starting with "crash_") and are not touched.
+Without --run those seeds are left as they are. Inputs that once crashed a target ("crash_*") are
+kept beside them and are not touched.
 """
 
 import argparse
 import glob
 import json
-import math
 import os
 import random
 import struct
@@ -35,29 +33,39 @@ def write(target, name, content):
         f.write(content)
 
 
-# ---------------------------------------------------------------------------------------------
-# Configuration files
+# Hand-written seeds, one per way of being wrong that a parser must refuse cleanly: (target, name, text).
+PAIR_HEADER = "filename\tread_id\trun_id\tchannel\tstart_time\tduration\tsequence_length_template\n"
+BROKEN = [
+    ("config", "broken_values.cfg", "compatible_flowcells = ,,X\ncompatible_kits = K\nchunk_size = abc\n"
+     "num_callers = -1\nqscore_scale = 1e99999\nhp_correct = maybe\nunknown_option = 1\n"),
+    ("config", "broken_syntax.cfg", "[section]\nchunk_size\n= 5\nmodel_file = a = b\n\x00\xff\n"),
+    ("config", "broken_repeats.cfg", "compatible_flowcells = A\ncompatible_kits = B\nmodel_file = m.json\n"
+     "model_file = n.json\ntrace_categories_logs = a,,b,core\nnum_callers = 0\n"),
+    ("mismatch_table", "broken_short.txt", "prob\n" + "0.1\n" * 4095),
+    ("mismatch_table", "broken_no_prob.txt", "p\n0.5\n"),
+    ("mismatch_table", "broken_ragged.txt", "prob\tx\n0.5\n"),
+    ("pair_index", "broken_bom_crlf_comments.tsv", "\ufeff# made by hand\r\n" + PAIR_HEADER.replace("\n", "\r\n") +
+     "a.rawh5\tr1\trun\t1\t0\t10\t1000\r\nb.rawh5\tr2\trun\t1\t10.2\t9\t990\r\nc.rawh5\tr3\trun\t1\tnan\tinf\t0\r\n"),
+    ("pair_index", "broken_values.tsv", PAIR_HEADER + "a.rawh5\tr1\trun\t1\t-1e308\t1e308\t18446744073709551615\n"
+     "b.rawh5\tr2\trun\t1\t1e308\t-1e308\t0\na.rawh5\t\t\t\t\t\t\nmissing.rawh5\tr4\trun\t2\t0\t1\t5\n"),
+    ("pair_index", "broken_incomplete_row.tsv", PAIR_HEADER + "a.rawh5\tr1\trun\t1\t0\n"),
+    ("pair_index", "broken_no_column.tsv", "filename\tread_id\na.rawh5\tr1\n"),
+    ("fastq", "broken_records.fastq",
+     "@r1 runid=x\nACGU\n+\n!!!!\n@r2\nacgt\n+\n!!!!\n@r3\nACGT\n+\n!!\n@\n\n+\n\n@r5 runid=\nNNNN\n+\n~~~~\n"),
+    ("fastq", "broken_header_only.fastq", "@read\n"),
+    ("labels", "broken_moves_inconsistent.bin",
+     bytes([0]) + struct.pack("<H", 4) + bytes([0, 1, 1, 9]) + b"@r\nACGTACG\n+\n!!!!!!!\n"),
+    ("labels", "broken_events_no_state.bin", bytes([3, 0, 1, 1, 0]) + b"\0" * 32),
+    ("labels", "broken_events_numeric_state.bin", bytes([2, 0, 0, 3, 0]) + b"\x41\x43\x47\x00" * 8),
+]
 
-def config_seeds():
+
+def shipped_seeds():
     for path in sorted(glob.glob(os.path.join(ROOT, "data", "*.cfg"))):
         with open(path) as f:
             write("config", os.path.basename(path), f.read())
-    write("config", "broken_values.cfg",
-          "compatible_flowcells = ,,X\ncompatible_kits = K\nchunk_size = abc\nnum_callers = -1\n"
-          "qscore_scale = 1e99999\nhp_correct = maybe\nunknown_option = 1\n")
-    write("config", "broken_syntax.cfg", "[section]\nchunk_size\n= 5\nmodel_file = a = b\n\x00\xff\n")
-    write("config", "broken_repeats.cfg",
-          "compatible_flowcells = A\ncompatible_kits = B\nmodel_file = m.json\nmodel_file = n.json\n"
-          "trace_categories_logs = a,,b,core\nnum_callers = 0\n")
-
-
-# ---------------------------------------------------------------------------------------------
-# Mismatch tables
-
-def mismatch_seeds():
     with open(os.path.join(ROOT, "data", "mismatch_table_r1.txt")) as f:
-        lines = f.read().split("\n")
-    values = [float(x) for x in lines[1:] if x.strip()]
+        values = [float(x) for x in f.read().split("\n")[1:] if x.strip()]
     # Three significant digits keep every probability and halve the size.
     write("mismatch_table", "shipped_rounded.txt", "prob\n" + "".join("%.3g\n" % v for v in values))
     write("mismatch_table", "two_columns_crlf.txt",
@@ -65,12 +73,8 @@ def mismatch_seeds():
     odd = ["%.2g" % v for v in values]
     odd[0], odd[1], odd[2], odd[3], odd[64] = "0", "", "-0.5", "nan", "1e40"
     write("mismatch_table", "broken_values.txt", "prob\n" + "\n".join(odd) + "\n")
-    write("mismatch_table", "broken_short.txt", "prob\n" + "0.1\n" * 4095)
-    write("mismatch_table", "broken_no_prob.txt", "p\n0.5\n")
-    write("mismatch_table", "broken_ragged.txt", "prob\tx\n0.5\n")
 
 
-# ---------------------------------------------------------------------------------------------
 # Model files
 
 rng = random.Random(5)
@@ -183,7 +187,6 @@ def model_seeds():
           '{"type":"softmax","insize":2,"size":5,"params":{"W":[],"b":[]}}]}')
 
 
-# ---------------------------------------------------------------------------------------------
 # Wire frames
 
 def frame(kind, body, command=b"basecall", client=7, protocol=4, total=None):
@@ -196,24 +199,25 @@ def read_identity(samples_or_zero, read_id=b"read-1"):
     return struct.pack("<IIQ", samples_or_zero, 3, 1 << 40) + read_id.ljust(128, b"\0")
 
 
+def called_read(extra):
+    n, seq = 5, b"ACGTACGT"
+    body = read_identity(0) + struct.pack("<II", n, len(seq)) + b"\0" * 28 + struct.pack("<I", extra)
+    body += struct.pack("<5I", *range(5)) + struct.pack("<5I", *range(5, 10)) + bytes(range(5))
+    return frame(4, body + seq + b"\0" + b"+5?I+5?I" + b"\0" + (struct.pack("<5Q", *range(5)) if extra else b""))
+
+
 def wire_seeds():
-    write("wire_frame", "simple.bin", frame(1, b""))
-    write("wire_frame", "general.bin", frame(2, b"free form payload"))
     samples = list(range(0, 1000, 97))
-    write("wire_frame", "raw_read.bin", frame(3, read_identity(len(samples)) + struct.pack("<%dI" % len(samples), *samples)))
-    for extra in (0, 1):
-        n, seq = 5, b"ACGTACGT"
-        body = read_identity(0) + struct.pack("<II", n, len(seq)) + b"\0" * 28 + struct.pack("<I", extra)
-        body += struct.pack("<5I", *range(5)) + struct.pack("<5I", *range(5, 10)) + bytes(range(5))
-        body += seq + b"\0" + b"+5?I+5?I" + b"\0" + (struct.pack("<5Q", *range(5)) if extra else b"")
-        write("wire_frame", "called_read_extra%d.bin" % extra, frame(4, body))
-    write("wire_frame", "broken_protocol.bin", frame(1, b"", protocol=3))
-    write("wire_frame", "broken_total_size.bin", frame(2, b"abc", total=90))
-    write("wire_frame", "broken_command.bin", frame(1, b"", command=b"x" * 64))
-    write("wire_frame", "broken_short.bin", frame(3, read_identity(4))[:150])
+    for name, content in [
+            ("simple", frame(1, b"")), ("general", frame(2, b"free form payload")),
+            ("raw_read", frame(3, read_identity(len(samples)) + struct.pack("<%dI" % len(samples), *samples))),
+            ("called_read_extra0", called_read(0)), ("called_read_extra1", called_read(1)),
+            ("broken_protocol", frame(1, b"", protocol=3)), ("broken_total_size", frame(2, b"abc", total=90)),
+            ("broken_command", frame(1, b"", command=b"x" * 64)),
+            ("broken_short", frame(3, read_identity(4))[:150])]:
+        write("wire_frame", name + ".bin", content)
 
 
-# ---------------------------------------------------------------------------------------------
 # From a single-strand run: index, FASTQ text, Move and Events arrays
 
 def run_seeds(run):
@@ -274,36 +278,15 @@ def run_seeds(run):
             write("labels", "events_strand%d.bin" % (strand + 1), bytes([2 | strand]) + layout + rows)
 
 
-def broken_run_seeds():
-    header = "filename\tread_id\trun_id\tchannel\tstart_time\tduration\tsequence_length_template\n"
-    write("pair_index", "broken_bom_crlf_comments.tsv",
-          "\ufeff# made by hand\r\n" + header.replace("\n", "\r\n") +
-          "a.rawh5\tr1\trun\t1\t0\t10\t1000\r\nb.rawh5\tr2\trun\t1\t10.2\t9\t990\r\nc.rawh5\tr3\trun\t1\tnan\tinf\t0\r\n")
-    write("pair_index", "broken_values.tsv", header +
-          "a.rawh5\tr1\trun\t1\t-1e308\t1e308\t18446744073709551615\n"
-          "b.rawh5\tr2\trun\t1\t1e308\t-1e308\t0\n"
-          "a.rawh5\t\t\t\t\t\t\nmissing.rawh5\tr4\trun\t2\t0\t1\t5\n")
-    write("pair_index", "broken_incomplete_row.tsv", header + "a.rawh5\tr1\trun\t1\t0\n")
-    write("pair_index", "broken_no_column.tsv", "filename\tread_id\na.rawh5\tr1\n")
-
-    write("fastq", "broken_records.fastq",
-          "@r1 runid=x\nACGU\n+\n!!!!\n@r2\nacgt\n+\n!!!!\n@r3\nACGT\n+\n!!\n@\n\n+\n\n@r5 runid=\nNNNN\n+\n~~~~\n")
-    write("fastq", "broken_header_only.fastq", "@read\n")
-    write("labels", "broken_moves_inconsistent.bin", bytes([0]) + struct.pack("<H", 4) + bytes([0, 1, 1, 9]) +
-          b"@r\nACGTACG\n+\n!!!!!!!\n")
-    write("labels", "broken_events_no_state.bin", bytes([3, 0, 1, 1, 0]) + b"\0" * 32)
-    write("labels", "broken_events_numeric_state.bin", bytes([2, 0, 0, 3, 0]) + b"\x41\x43\x47\x00" * 8)
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--run", help="folder of a single-strand run of the test bed")
     args = parser.parse_args()
-    config_seeds()
-    mismatch_seeds()
+    shipped_seeds()
+    for target, name, content in BROKEN:
+        write(target, name, content)
     model_seeds()
     wire_seeds()
-    broken_run_seeds()
     if args.run:
         run_seeds(args.run)
 

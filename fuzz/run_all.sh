@@ -18,9 +18,7 @@ build="$(cd "${1:?usage: $0 BUILD_DIR SECONDS [TARGET...]}" && pwd)" || exit 1
 seconds="${2:?usage: $0 BUILD_DIR SECONDS [TARGET...]}"
 shift 2
 targets=("$@")
-if [ ${#targets[@]} -eq 0 ]; then
-  targets=(pair_index config model mismatch_table wire_frame fastq labels)
-fi
+[ ${#targets[@]} -gt 0 ] || targets=(pair_index config model mismatch_table wire_frame fastq labels)
 logs="${FUZZ_LOGS:-$(dirname "$repo")/fuzz_logs}"
 mkdir -p "$logs"
 summary="$logs/summary.tsv"
@@ -33,13 +31,10 @@ for name in "${targets[@]}"; do
     printf '%s\t0\t0\t0\tnot built\n' "$name" >> "$summary"
     continue
   fi
-  work="$logs/work/$name"      # libFuzzer's job log (fuzz-0.log) lands here; it also ends up in the main log
-  corpus="$logs/corpus/$name"
-  crashes="$logs/crashes/$name"
-  mkdir -p "$work" "$corpus" "$crashes"
-  rm -f "$work"/fuzz-*.log
-  dict=()
-  [ -f "$here/dict/$name.dict" ] && dict=(-dict="$here/dict/$name.dict")
+  # libFuzzer's job log (fuzz-0.log) lands in work/; it also ends up in the main log.
+  work="$logs/work/$name" corpus="$logs/corpus/$name" crashes="$logs/crashes/$name"
+  mkdir -p "$work" "$corpus" "$crashes" && rm -f "$work"/fuzz-*.log
+  dict=() && [ -f "$here/dict/$name.dict" ] && dict=(-dict="$here/dict/$name.dict")
   before=$(find "$crashes" -type f | wc -l)
   start=$(date +%s)
   (

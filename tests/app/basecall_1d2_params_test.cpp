@@ -57,6 +57,10 @@ TEST(Basecall1D2Params, OwnOptionsFollowTheFamilyOnesWithTheirSources) {
     EXPECT_EQ(params.PrintOption("start_end_penalty"), "300");
     EXPECT_EQ(params.PrintOption("threshold1"), "0.000000");
     EXPECT_FALSE(params.use_service);
+    // No limit on records per file is a value of its own, not a parse failure.
+    Basecall1D2Params zero;
+    EXPECT_EQ(Parse(zero, With({"--records_per_fastq", "0"})), 0u) << zero.ErrorText();
+    EXPECT_EQ(zero.records_per_fastq, 0u);
 }
 
 TEST(Basecall1D2Params, ConfigFileAndCommandLine) {
@@ -83,12 +87,6 @@ TEST(Basecall1D2Params, ConfigFileAndCommandLine) {
               "Unexpected option 'scaling_med' found in configuration file.\n"
               "Unexpected option 'index_file' found in configuration file.\n");
     EXPECT_EQ(params.ErrorText(), "Missing required option 'index_file'.\n");
-}
-
-TEST(Basecall1D2Params, ZeroRecordsPerFastqIsKept) {
-    Basecall1D2Params params;
-    EXPECT_EQ(Parse(params, With({"--records_per_fastq", "0"})), 0u) << params.ErrorText();
-    EXPECT_EQ(params.records_per_fastq, 0u);
 }
 
 TEST(Basecall1D2Params, HelpShowsTheTextsAsWritten) {

@@ -1,38 +1,27 @@
 #!/usr/bin/env bash
-# Pair run over damaged read files: a small fixed-seed simulated set goes through the single-strand
-# step, tools/testbed/damage_reads.py makes damaged copies of a seeded sample of its pairs (all kinds
-# of damage, twice over, with --full) next to untouched copies, and basecaller_1d2 runs over the
-# input and over the damaged set. Then
-#   - every run ends with 0 and prints no sanitizer report (leaks included) when the binaries are a
-#     sanitizer build;
-#   - every pair the run found is accounted for: summary rows plus pairs dropped with a message equal
-#     the pairs found, and the pairs found are those of the manifest;
-#   - untouched pairs, and the harmless variants of the manifest, are called exactly as in the run
-#     over the input (same sequence, same qualities);
-#   - damaged pairs are logged at info and dropped or given a summary row with an empty sequence.
+# Pair run over damaged read files: tools/testbed/damage_reads.py makes damaged copies of a seeded
+# sample of the pairs of a small annotated set (all kinds of damage, twice over, with --full) next to
+# untouched copies, and basecaller_1d2 runs over the input and over the damaged set. Every run must end
+# with 0 and no sanitizer report (leaks included) in a sanitizer build; every pair found must have a
+# summary row or be dropped with a message at info, the pairs found being those of the manifest;
+# untouched pairs and the harmless variants must be called exactly as in the run over the input.
 #
 #   tests/e2e/damaged_pairs_test.sh BIN_DIR [--full] [--keep DIR]   (--keep: work in DIR, replaced, and leave it)
 set -euo pipefail
 BIN=$1
 shift
-FULL=0
-KEEP=
+SAMPLE=(--damaged 30)
+WORK=
 while [ $# -gt 0 ]; do
     case $1 in
-        --full) FULL=1 ;;
-        --keep) KEEP=$2; shift ;;
+        --full) SAMPLE=(--full --copies 2) ;;
+        --keep) WORK=$2 && rm -rf "$WORK" && mkdir -p "$WORK" && shift ;;
         *) echo "unknown option $1" >&2; exit 2 ;;
     esac
     shift
 done
 SRC=$(cd "$(dirname "$0")/../.." && pwd)
-if [ -n "$KEEP" ]; then
-    WORK=$KEEP
-    rm -rf "$WORK" && mkdir -p "$WORK"
-else
-    WORK=$(mktemp -d /tmp/kvx_damage.XXXXXX)
-    trap 'rm -rf "$WORK"' EXIT
-fi
+[ -n "$WORK" ] || { WORK=$(mktemp -d /tmp/kvx_damage.XXXXXX) && trap 'rm -rf "$WORK"' EXIT; }
 
 # A damaged size must fail the pair, not the machine: in a sanitizer build a single allocation above
 # 3 GB, or a process above 6 GB, is a report; in a plain build the address space is capped instead.
@@ -57,7 +46,6 @@ ss=$(run "$WORK/ss.err" "$BIN/basecaller_1d" --input_path "$WORK/data/reads" --s
     --quiet)
 clean=$(run "$WORK/clean.err" "$BIN/basecaller_1d2" "${PAIR_RUN[@]}" --index_file "$WORK/ss/index_1d.tsv" \
     --input_path "$WORK/data/reads" --save_path "$WORK/clean")
-if [ $FULL = 1 ]; then SAMPLE=(--full --copies 2); else SAMPLE=(--damaged 30); fi
 /usr/bin/python3 "$SRC/tools/testbed/damage_reads.py" --reads "$WORK/data/reads" --index "$WORK/ss/index_1d.tsv" \
     --out "$WORK/damaged" --seed 11 "${SAMPLE[@]}"
 damaged=$(run "$WORK/run.err" "$BIN/basecaller_1d2" "${PAIR_RUN[@]}" --index_file "$WORK/damaged/index_1d.tsv" \
@@ -85,29 +73,17 @@ def calls(folder):
     out = {}
     for path in glob.glob(os.path.join(work, folder, "*", "*.fastq")) + glob.glob(os.path.join(work, folder, "*.fastq")):
         lines = open(path).read().split("\n")
-        for i in range(0, len(lines) - 3, 4):
-            out[lines[i][1:].split()[0]] = (lines[i + 1], lines[i + 3])
-    return out
-
-def summary(folder):
-    path = os.path.join(work, folder, "sequencing_summary.txt")
-    return list(csv.DictReader(open(path), delimiter="\t")) if os.path.exists(path) else []
-
-def log_lines(folder):
-    """(severity, text) of every line of the verbose log."""
-    out = []
-    for path in glob.glob(os.path.join(work, folder, "*verbose_log-*.log")):
-        for line in open(path, errors="replace"):
-            m = re.search(r"\{(\w+)\} (.*)", line)
-            if m:
-                out.append((m.group(1), m.group(2)))
+        out.update({lines[i][1:].split()[0]: (lines[i + 1], lines[i + 3]) for i in range(0, len(lines) - 3, 4)})
     return out
 
 clean_calls, run_calls = calls("clean"), calls("run")
 rows = collections.defaultdict(list)
-for r in summary("run"):
+summary = os.path.join(work, "run", "sequencing_summary.txt")
+for r in csv.DictReader(open(summary), delimiter="\t") if os.path.exists(summary) else []:
     rows[(r["filename1"], r["read_id1"])].append(r)
-lines = log_lines("run")
+# (severity, text) of every line of the verbose log.
+lines = [m.groups() for path in glob.glob(os.path.join(work, "run", "*verbose_log-*.log"))
+         for m in map(re.compile(r"\{(\w+)\} (.*)").search, open(path, errors="replace")) if m]
 found = [int(m.group(1)) for _, t in lines for m in [re.search(r"Found (\d+) read pairs", t)] if m]
 mentions = collections.defaultdict(list)
 ids = re.compile(r"[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}")
@@ -130,10 +106,8 @@ for m in listed:
     row = rows.get(key, [])
     if len(row) > 1:
         errors.append("%s (%s): %d summary rows" % (m["pair"], m["kind"], len(row)))
-    if row:
-        outcome = "called" if int(row[0]["sequence_length"]) > 0 else "empty row"
-    else:
-        outcome = "dropped" if messages else "lost"
+    outcome = ("called" if int(row[0]["sequence_length"]) > 0 else "empty row") if row else \
+        ("dropped" if messages else "lost")
     outcomes[outcome] += 1
     what = "%s (%s, strand %s, %s)" % (m["pair"], m["kind"], m["strand"], m["layout"])
     if outcome == "lost":

@@ -1,71 +1,104 @@
 #!/usr/bin/env bash
 # End-to-end check of a pair run on a small fixed-seed simulated set: the single-strand step annotates
-# the reads, basecaller_1d2 calls the pairs with the shipped workflow, and then
+# the reads, basecaller_1d2 calls the pairs with the shipped workflow into compressed FASTQ, and then
 #   - the program ends with 0 and its FASTQ files are read by an ordinary consumer (seqkit);
 #   - every pair found has exactly one summary row;
 #   - pass and fail folders follow min_qscore, and only pairs with a sequence have a record;
-#   - the median pair error is at most half the better single strand's median error.
+#   - the median pair error is at most half the better single strand's median error;
+#   - the run report is one HTML page that needs nothing beside it, with every section, its plots as
+#     PNGs inside, and counts that agree with the summary (scripts/render_run_report.sh shows it).
 set -euo pipefail
 BIN=$1
+REPO=$(cd "$(dirname "$0")/../.." && pwd)
 WORK=$(mktemp -d /tmp/kvx_e2e.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
-MIN_Q=6.5
 
 "$BIN/read_simulator" --output "$WORK/data" --seed 5 --molecules 14 --min_length 2000 --max_length 5000 \
     --pair_fraction 0.8 >/dev/null
 "$BIN/basecaller_1d" --input_path "$WORK/data/reads" --save_path "$WORK/ss" --workers 2 --quiet >/dev/null
 "$BIN/basecaller_1d2" --flowcell KFC-R1A --kit KLK-D210 --index_file "$WORK/ss/index_1d.tsv" \
     --input_path "$WORK/data/reads" --save_path "$WORK/pairs" --num_callers 2 --cpu_threads_per_caller 1 \
-    --qscore_filtering --min_qscore "$MIN_Q" --quiet
-
-shopt -s nullglob
-fastq=("$WORK"/pairs/pass/*.fastq "$WORK"/pairs/fail/*.fastq)
-[ ${#fastq[@]} -gt 0 ] || { echo "no FASTQ written"; exit 1; }
-records=$(seqkit fx2tab -n "${fastq[@]}" | wc -l)
-seqkit stats -T "${fastq[@]}" >/dev/null
-
-pairs_found=$(grep -o 'Found [0-9]* read pairs' "$WORK"/pairs/marlo_basecaller_1d2_log-*.log | grep -o '[0-9]*')
+    --qscore_filtering --min_qscore 6.5 --compress_fastq --quiet
+for folder in pass fail; do
+    [ -d "$WORK/pairs/$folder" ] || continue
+    find "$WORK/pairs/$folder" -name '*.fastq.gz' -exec seqkit fx2tab -n {} + 2>/dev/null | sed "s/^/$folder\t/"
+done >"$WORK/records.tsv"
+gzip -dc "$WORK"/pairs/*/*.fastq.gz >"$WORK/pairs.fastq"
 "$BIN/evaluate_calls" --truth "$WORK/data/truth.fasta" --pairs "$WORK/data/truth_pairs.tsv" \
-    --single "$WORK/ss/calls_1d.fastq" --pair_calls "${fastq[@]}" --json "$WORK/identity.json"
+    --single "$WORK/ss/calls_1d.fastq" --pair_calls "$WORK/pairs.fastq" --json "$WORK/identity.json"
+/usr/bin/python3 "$REPO/tools/report/run_report.py" --pairs "$WORK/pairs" --data "$WORK/data" \
+    --single_strand "$WORK/ss" --evaluate_calls "$BIN/evaluate_calls" --out "$WORK/report.html"
 
-/usr/bin/python3 - "$WORK" "$pairs_found" "$records" "$MIN_Q" <<'PY'
-import csv, glob, json, os, sys
-work, pairs_found, records, min_q = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), float(sys.argv[4])
-rows = list(csv.DictReader(open(os.path.join(work, "pairs", "sequencing_summary.txt")), delimiter="\t"))
+/usr/bin/python3 - "$WORK" <<'PY'
+import base64, csv, glob, html.parser, json, os, re, sys
+work = sys.argv[1]
 errors = []
+rows = list(csv.DictReader(open(os.path.join(work, "pairs", "sequencing_summary.txt")), delimiter="\t"))
+log = open(glob.glob(os.path.join(work, "pairs", "marlo_basecaller_1d2_log-*.log"))[0]).read()
+pairs_found = int(re.search(r"Found (\d+) read pairs", log).group(1))
 keys = [(r["read_id1"], r["read_id2"]) for r in rows]
-if pairs_found == 0:
-    errors.append("no pairs found")
-if len(rows) != pairs_found or len(set(keys)) != len(keys):
+if pairs_found == 0 or len(rows) != pairs_found or len(set(keys)) != len(keys):
     errors.append("%d summary rows (%d distinct) for %d pairs" % (len(rows), len(set(keys)), pairs_found))
-def ids(folder):
-    out = set()
-    for path in glob.glob(os.path.join(work, "pairs", folder, "*.fastq")):
-        with open(path) as f:
-            for i, line in enumerate(f):
-                if i % 4 == 0:
-                    out.add(line[1:].split()[0])
-    return out
-passed, failed = ids("pass"), ids("fail")
-with_sequence = [r for r in rows if int(r["sequence_length"]) > 0]
-if records != len(with_sequence):
-    errors.append("%d FASTQ records for %d pairs with a sequence" % (records, len(with_sequence)))
-for r in with_sequence:
-    should_pass = float(r["mean_qscore"]) >= min_q
-    if (r["passes_filtering"] == "TRUE") != should_pass:
-        errors.append("passes_filtering of %s disagrees with its mean qscore" % r["read_id1"])
-    if (r["read_id1"] in passed) != should_pass or (r["read_id1"] in failed) == should_pass:
-        errors.append("record of %s is in the wrong folder" % r["read_id1"])
+records = [line.split("\t") for line in open(os.path.join(work, "records.tsv"))]
+folder_of = {name.split()[0]: folder for folder, name in records}
+called = [r for r in rows if int(r["sequence_length"]) > 0]
+if len(records) != len(called) or not called:
+    errors.append("%d FASTQ records for %d pairs with a sequence" % (len(records), len(called)))
+for r in called:
+    should_pass = float(r["mean_qscore"]) >= 6.5
+    if (r["passes_filtering"] == "TRUE") != should_pass or folder_of.get(r["read_id1"]) != ("pass" if should_pass else "fail"):
+        errors.append("%s: passes_filtering or folder disagrees with its mean qscore" % r["read_id1"])
 identity = json.load(open(os.path.join(work, "identity.json")))
 single = max(identity["strand1"]["median_identity"], identity["strand2"]["median_identity"])
 pair = identity["pairs"]["median_identity"]
-print("pairs %d, records %d (pass %d, fail %d), median identity: pairs %.4f, best strand %.4f"
-      % (pairs_found, records, len(passed), len(failed), pair, single))
-# A regression floor with a margin: pairs must gain at least two points over the better strand.
-# Relative to the strands' error, so that a better model does not make the check vacuous or fail it:
-# two readings of one molecule should at least halve the error.
+# A regression floor relative to the strands' error, so that a better model does not make the check
+# vacuous or fail it: two readings of one molecule should at least halve the error.
 if not (1.0 - pair) <= 0.5 * (1.0 - single):
     errors.append("pair error %.4f is not at most half the better strand's %.4f" % (1.0 - pair, 1.0 - single))
+
+class Page(html.parser.HTMLParser):
+    def __init__(self):
+        super().__init__()
+        self.links, self.sections, self.images, self.current = [], {}, {}, None
+    def handle_starttag(self, tag, attrs):
+        attrs = dict(attrs)
+        self.links += [(tag, attrs[n]) for n in ("src", "href", "srcset", "data", "poster", "action") if n in attrs]
+        if tag == "section":
+            self.current = attrs.get("id")
+            self.sections[self.current] = 0
+        if tag == "img" and self.current:
+            self.sections[self.current] += 1
+            self.images[attrs.get("src", "")] = self.current
+        if tag in ("link", "script", "iframe", "object", "embed"):
+            errors.append("the page has a <%s>" % tag)
+
+page = open(os.path.join(work, "report.html")).read()
+p = Page()
+p.feed(page)
+# Self-contained: nothing is fetched, every link stays in the page.
+for tag, value in p.links:
+    if not (value.startswith("data:image/png;base64,") or (tag == "a" and value.startswith("#"))):
+        errors.append("<%s> points outside the page: %s" % (tag, value[:80]))
+if re.search(r"url\s*\(|@import", page):
+    errors.append("the style sheet loads something")
+for src, section in p.images.items():
+    data = base64.b64decode(src.split(",", 1)[1])
+    if not data.startswith(b"\x89PNG\r\n\x1a\n") or len(data) < 2000:
+        errors.append("an image in %s is not a PNG plot" % section)
+with_plots = ("pass-fail", "yield", "length", "qscore", "speed", "accuracy")
+for key in ("run", "messages") + with_plots:
+    if key not in p.sections or (key in with_plots and p.sections[key] == 0):
+        errors.append("no section %s, or no plot in it" % key)
+passed = sum(r["passes_filtering"] == "TRUE" for r in called)
+for label, n in (("pass", passed), ("fail", len(called) - passed), ("pairs with a summary row", len(rows))):
+    if not re.search(r'<td class="text">%s</td><td>%d</td>' % (re.escape(label), n), page):
+        errors.append("the page does not give %d for %s" % (n, label))
+for text in ("6.5 (from the run header)", "compressed fastq:   ON", "true pairs called", "median identity, pairs",
+             "gzip-compressed"):
+    if text not in page:
+        errors.append("the page lacks %r" % text)
+print("pairs %d, records %d (pass %d), median identity: pairs %.4f, best strand %.4f; %d sections, %d plots"
+      % (pairs_found, len(records), passed, pair, single, len(p.sections), len(p.images)))
 for e in errors:
     print("FAIL:", e)
 sys.exit(1 if errors else 0)

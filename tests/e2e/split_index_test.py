@@ -3,6 +3,7 @@
 row lands in exactly one shard, the shards together find exactly the pairs of the whole index, and
 no shard has more rows than another by more than the largest group. Then the text cases: comment
 lines, byte order mark and CR line ends pass through; a short row is refused with its line."""
+import collections
 import os
 import random
 import subprocess
@@ -39,19 +40,11 @@ def pairs_of(lines):
     return found
 
 
-def random_index(rng):
-    rows = []
-    for n in range(rng.randint(0, 120)):
-        run = rng.choice([b"r1", b"r2", b"r1_3"])
-        channel = rng.choice([b"1", b"2", b"3_1", b"10"])  # "r1_3"+"1" and "r1"+"3_1" are one group
-        start = rng.uniform(0, 30)
-        rows.append(b"f.rawh5\tread%d\t%s\t%s\t%.3f\t%.3f\t%d\n"
-                    % (n, run, channel, start, rng.uniform(0.1, 3), rng.choice([900, 1000, 1100, 2000])))
-    return rows
-
-
 def check_random(rng):
-    rows = random_index(rng)
+    # "r1_3"+"1" and "r1"+"3_1" are one group.
+    rows = [b"f.rawh5\tread%d\t%s\t%s\t%.3f\t%.3f\t%d\n"
+            % (n, rng.choice([b"r1", b"r2", b"r1_3"]), rng.choice([b"1", b"2", b"3_1", b"10"]), rng.uniform(0, 30),
+               rng.uniform(0.1, 3), rng.choice([900, 1000, 1100, 2000])) for n in range(rng.randint(0, 120))]
     shards = rng.randint(1, 6)
     with tempfile.TemporaryDirectory() as tmp:
         path = os.path.join(tmp, "index.tsv")
@@ -63,11 +56,9 @@ def check_random(rng):
     assert all(lines[0] == HEADER for lines in out)
     assert sorted(sum(bodies, [])) == sorted(rows), "rows lost or repeated"
     assert set().union(*[pairs_of(b) for b in bodies]) == pairs_of(rows), "pairs differ from the whole index"
-    sizes = {}
-    for key, _ in keyed:
-        sizes[key] = sizes.get(key, 0) + 1
+    largest = max(collections.Counter(key for key, _ in keyed).values(), default=0)
     loads = [len(b) for b in bodies]
-    assert max(loads) - min(loads) <= max(sizes.values(), default=0), "unbalanced: %s" % loads
+    assert max(loads) - min(loads) <= largest, "unbalanced: %s" % loads
 
 
 def check_text():
@@ -89,13 +80,9 @@ def check_text():
         assert done.returncode == 1 and b"Incomplete row in line 3: expecting 7 columns but got 3" in done.stderr, done
 
 
-def main():
+if __name__ == "__main__":
     rng = random.Random(6211)
     for _ in range(300):
         check_random(rng)
     check_text()
     print("split_index: 300 random indexes and the text cases pass")
-
-
-if __name__ == "__main__":
-    main()

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# A pair run stopped part-way and resumed must end with exactly the outputs of a run that was never
-# stopped: the same FASTQ records in the same folders and the same summary rows, none twice.
+# Both steps, stopped part-way and resumed, must end with exactly the outputs of a run never stopped.
+# The single-strand step: SIGTERM in place after a random number of index rows (exit 143, a message,
+# a new start without --resume refused); SIGKILL with copies to --output_path, then a FASTQ cut inside
+# its last record, that read's row gone and a dead process's temporary left (the input stays
+# untouched); the pair runs below read the killed run's copies. The pair run: STOPS is a list of
+# "term:SECONDS" or "kill:SECONDS" (after a kill, a record without its row and a cut record are
+# appended to the last FASTQ file, and half a row to the summary, as kills during the writes leave
+# them); each gets a fresh save path and is resumed. Default: one of each, drawn from the seed.
 #
 #   stop_resume_test.sh BIN_DIR [STOPS]
-#
-# STOPS is a list of stops, each "term:SECONDS" (SIGTERM, then a clean stop is expected) or
-# "kill:SECONDS" (SIGKILL; then a whole record without its row and a cut record are appended to the
-# last FASTQ file, and half a row to the summary, as kills during the writes would leave them). Each stop gets a fresh save path, and is
-# resumed until the run ends. The default: one of each at a point drawn from the seed below.
 set -euo pipefail
 BIN=$1
 WORK=$(mktemp -d /tmp/kvx_resume.XXXXXX)
@@ -15,14 +16,62 @@ trap 'rm -rf "$WORK"' EXIT
 SEED=${KVX_RESUME_SEED:-$RANDOM}
 RANDOM=$SEED
 STOPS=${2:-"term:$((1 + RANDOM % 5)) kill:$((1 + RANDOM % 5))"}
-echo "seed $SEED, stops: $STOPS"
+ROWS=$((1 + RANDOM % 7))
+echo "seed $SEED, single-strand stop after $ROWS rows, pair stops: $STOPS"
+status=0
+fail() { echo "FAIL: $*"; status=1; }
 
 . "$(dirname "$0")/small_pair_set.sh"
 small_pair_set "$BIN" "$WORK" 12 3
 
-"$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$WORK/reference"
+rows() { [ -f "$1/index_1d.tsv" ] && echo $(($(wc -l <"$1/index_1d.tsv") - 1)) || echo 0; }
+sorted_outputs() { tail -n +2 "$1/index_1d.tsv" | sort; paste - - - - <"$1/calls_1d.fastq" | sort; }
+# One worker keeps few reads in hand when the signal comes, so that the stop points differ. The
+# program itself goes in the background, not a subshell, so that the signal reaches it.
+stop_single_strand() {
+    local signal=$1 code=$2 save=$3
+    shift 3
+    "$BIN/basecaller_1d" --workers 1 --quiet "$@" --save_path "$save" >/dev/null 2>"$save.err" &
+    local pid=$! rc=0
+    while kill -0 "$pid" 2>/dev/null && [ "$(rows "$save")" -lt "$ROWS" ]; do sleep 0.02; done
+    kill "-$signal" "$pid" 2>/dev/null || true
+    wait "$pid" || rc=$?
+    echo "single-strand $signal after $(rows "$save") of $(rows "$WORK/ss") rows: exit $rc"
+    [ "$rc" = "$code" ] || fail "single-strand $signal: exit $rc"
+    [ "$(rows "$save")" -lt "$(rows "$WORK/ss")" ] || fail "the stop after $ROWS rows left nothing to resume"
+}
+cp -r "$WORK/original" "$WORK/term_reads"
+stop_single_strand TERM 143 "$WORK/term" --input_path "$WORK/term_reads"
+grep -q "run again with --resume to finish" "$WORK/term.err" || fail "no stop message on standard error"
+"$BIN/basecaller_1d" --input_path "$WORK/term_reads" --save_path "$WORK/term" --quiet >/dev/null 2>"$WORK/refused" &&
+    fail "a second single-strand start without --resume went ahead"
+grep -q "add --resume to finish it, or choose another save path" "$WORK/refused" || fail "no refusal message"
+"$BIN/basecaller_1d" --input_path "$WORK/term_reads" --save_path "$WORK/term" --resume --quiet >/dev/null
+cmp -s <(sorted_outputs "$WORK/ss") <(sorted_outputs "$WORK/term") || fail "single-strand outputs after SIGTERM"
 
-status=0
+cp -r "$WORK/original" "$WORK/kill_reads"
+stop_single_strand KILL 137 "$WORK/kill" --input_path "$WORK/kill_reads" --output_path "$WORK/annotated"
+dead=$(sh -c 'echo $$')
+cp "$WORK/original/$(ls "$WORK/original" | head -1)" "$WORK/annotated/.$(ls "$WORK/original" | tail -1).partial-$dead"
+last=$(tail -n 4 "$WORK/kill/calls_1d.fastq" | head -n 1 | cut -c 2- | cut -d ' ' -f 1)
+head -n -3 "$WORK/kill/calls_1d.fastq" >"$WORK/cut" && printf 'ACG' >>"$WORK/cut" && mv "$WORK/cut" "$WORK/kill/calls_1d.fastq"
+grep -v "	$last	" "$WORK/kill/index_1d.tsv" >"$WORK/cut" && mv "$WORK/cut" "$WORK/kill/index_1d.tsv"
+"$BIN/basecaller_1d" --input_path "$WORK/kill_reads" --output_path "$WORK/annotated" --save_path "$WORK/kill" \
+    --resume --quiet >/dev/null
+grep -q "Removed the unfinished copy .*partial-$dead" "$WORK"/kill/basecaller_1d_log-*.log || fail "temporary left"
+cmp -s <(sorted_outputs "$WORK/ss") <(sorted_outputs "$WORK/kill") || fail "single-strand outputs after SIGKILL"
+diff -r "$WORK/original" "$WORK/kill_reads" >/dev/null || fail "the single-strand step wrote into its input"
+[ -z "$(find "$WORK/annotated" -name '.*')" ] || fail "temporary copies left in the output folder"
+# Read files given as symbolic links are annotated into the output folder, never over their targets.
+mkdir "$WORK/links" && ln -s "$WORK"/original/* "$WORK/links/"
+"$BIN/basecaller_1d" --input_path "$WORK/links" --output_path "$WORK/links_out" --save_path "$WORK/links_save" \
+    --quiet >/dev/null
+diff -r "$WORK/original" "$WORK/kill_reads" >/dev/null || fail "a linked read file was written over its target"
+[ "$(ls "$WORK/links_out" | wc -l)" = "$(ls "$WORK/original" | wc -l)" ] || fail "annotated copies of links missing"
+
+"$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$WORK/reference"
+# The pair runs below read the annotated copies of the killed single-strand run.
+ARGS=("${PAIR_OPTS[@]}" --index_file "$WORK/kill/index_1d.tsv" --input_path "$WORK/annotated")
 n=0
 for stop in $STOPS; do
     kind=${stop%%:*}
