@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <functional>
 #include <sstream>
 #include <stdexcept>
@@ -12,6 +11,7 @@
 #include "test_support.h"
 
 using Common::Parameters;
+using TestSupport::ErrorOf;
 using TestSupport::TempDir;
 
 namespace {
@@ -53,14 +53,11 @@ public:
     bool valid = true;
 };
 
-std::uint32_t Parse(TestParams& params, std::vector<std::string> args, std::istream* stream = nullptr,
-                    const std::string& config_name = "") {
+std::uint32_t Parse(TestParams& params, std::vector<std::string> args, std::istream* stream = nullptr) {
     args.insert(args.begin(), "prog");
     std::vector<const char*> argv;
-    for (const auto& arg : args) {
-        argv.push_back(arg.c_str());
-    }
-    return params.ParseArguments(stream, config_name, static_cast<int>(argv.size()), argv.data(), "");
+    for (const auto& arg : args) argv.push_back(arg.c_str());
+    return params.ParseArguments(stream, "", static_cast<int>(argv.size()), argv.data(), "");
 }
 
 const std::vector<std::string> kRequired = {"--needed", "x", "--needed_anywhere", "y"};
@@ -210,88 +207,59 @@ TEST(Parameters, ConfigFileLookup) {
     EXPECT_EQ(params.data_path, (Common::ExecutableDirectory().parent_path() / "data" / "sub").string());
 }
 
-TEST(Parameters, BareProgramNameShowsTheCommandLineHelp) {
+TEST(Parameters, HelpValidationAndDeclarationRules) {
+    // The bare program name shows the command-line help, without the configuration-only options.
     std::istringstream config("name = x\n");
     TestParams params;
     params.SetHelpHeader("Usage: prog\n");
-    const auto flags = Parse(params, {}, &config);
-    EXPECT_TRUE(flags & Parameters::HelpRequested);
-    EXPECT_TRUE(flags & Parameters::ParseFailed);
+    EXPECT_EQ(Parse(params, {}, &config), std::uint32_t(Parameters::HelpRequested | Parameters::ParseFailed));
     EXPECT_EQ(params.MessageText().rfind("Usage: prog\nCommand line parameters:\n", 0), 0u);
     EXPECT_NE(params.MessageText().find("--needed arg"), std::string::npos);
-    // Configuration-only options are not part of the command-line help.
     EXPECT_EQ(params.MessageText().find("--offset"), std::string::npos);
     EXPECT_EQ(params.name, "x");
-}
 
-TEST(Parameters, ValidateParamsFailureOnlySetsTheFlag) {
-    TestParams params;
-    params.valid = false;
-    EXPECT_EQ(params.GetFlags(), static_cast<std::uint32_t>(Parameters::NotParsed));
-    const auto flags = Parse(params, With({}));
-    EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed));
-    EXPECT_TRUE(params.ErrorText().empty());
-}
+    TestParams invalid;
+    invalid.valid = false;
+    EXPECT_EQ(Parse(invalid, With({})), static_cast<std::uint32_t>(Parameters::ParseFailed));
+    EXPECT_TRUE(invalid.ErrorText().empty());
 
-TEST(Parameters, FlagDeclarationRules) {
-    TestParams params;
     std::string text;
     bool value = false;
-    try {
-        params.Declare("bad_flag", text, Parameters::Flag);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Flag options must have a storage type of bool.");
-    }
-    try {
-        params.Declare("bad_flag2", value, Parameters::Flag | Parameters::Config);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Flag options cannot also be configuration options.");
-    }
+    EXPECT_EQ(ErrorOf([&] { params.Declare("bad_flag", text, Parameters::Flag); }),
+              "Flag options must have a storage type of bool.");
+    EXPECT_EQ(ErrorOf([&] { params.Declare("bad_flag2", value, Parameters::Flag | Parameters::Config); }),
+              "Flag options cannot also be configuration options.");
 }
 
-TEST(Parameters, ReadConfigFileThenCommandLineOnTop) {
+TEST(Parameters, ConfigFilesReadAndSaved) {
     TempDir dir;
     const auto file = dir.File("w.cfg", "name = file_name\ncount = 5\nunknown_key = 1\n");
     TestParams params;
-    Parse(params, With({"--count", "8"}));
+    Parse(params, With({"-w", "--count", "8"}));
+    // A file read later keeps the command line on top; a file that cannot be opened reads as empty.
     const std::vector<const char*> argv = {"prog", "--count", "8"};
     params.ReadConfigFile(file, 3, argv.data());
-    EXPECT_EQ(params.name, "file_name");
-    EXPECT_EQ(params.count, 8u);
     EXPECT_EQ(params.config_file, file);
-    // A file that cannot be opened reads as empty.
     params.ReadConfigFile((dir.path / "missing.cfg").string(), 0, nullptr);
     EXPECT_EQ(params.name, "file_name");
-}
+    EXPECT_EQ(params.count, 8u);
 
-TEST(Parameters, SaveConfigWritesPrintedValues) {
-    TempDir dir;
-    TestParams params;
-    Parse(params, With({"-w"}));
     const auto path = (dir.path / "saved.cfg").string();
     params.SaveConfig(path, {"first", "second"}, false);
-    std::ifstream in(path);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(text,
+    EXPECT_EQ(TestSupport::ReadText(path),
               "# first\n# second\n\n"
-              "name\t\t=\tctor\ncount\t\t=\t7\nscale\t\t=\t1.500000\noffset\t\t=\t-3\nenabled\t\t=\t1\n"
+              "name\t\t=\tfile_name\ncount\t\t=\t8\nscale\t\t=\t1.500000\noffset\t\t=\t-3\nenabled\t\t=\t1\n"
               "needed_anywhere\t\t=\ty\n");
-
-    params.SaveConfig(path, {}, true);
-    std::ifstream in_all(path);
-    const std::string all((std::istreambuf_iterator<char>(in_all)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(all.rfind("name\t\t=\tctor\n", 0), 0u);
-    EXPECT_NE(all.find("switch\t\t=\t1\n"), std::string::npos);
-    EXPECT_NE(all.find("needed\t\t=\tx\n"), std::string::npos);
-
     // A saved configuration reads back into a fresh set.
-    params.SaveConfig(path, {"round trip"}, false);
-    std::ifstream saved(path);
+    std::istringstream saved(TestSupport::ReadText(path));
     TestParams again;
-    const auto flags = Parse(again, With({}), &saved);
-    EXPECT_EQ(flags, 0u) << again.ErrorText() << again.MessageText();
+    EXPECT_EQ(Parse(again, With({}), &saved), 0u) << again.ErrorText() << again.MessageText();
+    EXPECT_EQ(again.name, "file_name");
+    // Every option, with the command line of the last read (no -w) on top.
+    params.SaveConfig(path, {}, true);
+    EXPECT_EQ(TestSupport::ReadText(path),
+              "name\t\t=\tfile_name\ncount\t\t=\t8\nscale\t\t=\t1.500000\noffset\t\t=\t-3\nenabled\t\t=\t1\n"
+              "switch\t\t=\t0\ncmd_only\t\t=\t\nneeded\t\t=\tx\nneeded_anywhere\t\t=\ty\n");
     EXPECT_EQ(again.offset, -3);
     EXPECT_FLOAT_EQ(again.scale, 1.5f);
 }
