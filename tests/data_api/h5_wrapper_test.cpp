@@ -255,9 +255,9 @@ TEST(H5Wrapper, WrittenDataSetsReadBackWithTheirChunks) {
         {"flat", &flat, {1024}, 0},
         {"grid", &grid_view, {100, 8}, 0},  // 128 rows, at most the row count
         {"narrow", &narrow_view, {341, 3}, 0},
-        {"text", &text_view, {}, 0},
-        {"fixed", &fixed_view, {}, 0},
-        {"table", &table_view, {}, 0},
+        {"text", &text_view, {}, 0},  // a scalar: contiguous
+        {"fixed", &fixed_view, {2}, 0},
+        {"table", &table_view, {4}, 0},
         {"packed", &packed, {1024}, packed.Chunks()->size},
         {"packed_grid", &packed_grid, {32, 16}, 0},
     };
@@ -265,7 +265,7 @@ TEST(H5Wrapper, WrittenDataSetsReadBackWithTheirChunks) {
         H5Dataset* ds = file.CreateDataset(c.name, *c.view);
         ASSERT_NE(ds, nullptr) << c.name;
         EXPECT_EQ(ds->Format(), c.view->format) << c.name;
-        EXPECT_EQ(chunkShape(ds), c.chunks) << c.name;  // none: contiguous
+        EXPECT_EQ(chunkShape(ds), c.chunks) << c.name;
         if (c.stored) {
             EXPECT_EQ(storageSize(ds), c.stored) << c.name;
         }
