@@ -25,14 +25,7 @@ using Names = std::set<std::string>;
 namespace {
 
 FastQRecord Record(const std::string& id, const std::string& run = "r1") {
-    Common::FastQHeaderFields fields;
-    fields.read_id = id;
-    fields.run_id = run;
-    fields.sample_id = "s";
-    fields.start_time = "2026-01-01T00:00:00Z";
-    fields.channel = 7;
-    fields.read_number = 3;
-    return FastQRecord(FastQRecord::MakeHeader(fields), "ACGT", "!!+5");
+    return FastQRecord("@" + id + " runid=" + run + " ch=7", "ACGT", "!!+5");
 }
 
 // Read ids of the records in a FASTQ file, in file order; checks that every record is well formed.
@@ -74,9 +67,7 @@ TEST_F(FastqWriterTest, RollsOverAfterRecordsPerFileUnlessUnlimited) {
     EXPECT_EQ(FileNames(dir), (Names{"fastq_runid_r1_0.fastq", "fastq_runid_r1_1.fastq"}));
     EXPECT_EQ(ReadIds(dir / "fastq_runid_r1_0.fastq"), (Ids{"a", "b"}));
     // The file text is exactly the records' own text.
-    const std::string text = TestSupport::ReadText((dir / "fastq_runid_r1_1.fastq").string());
-    EXPECT_EQ(text, Record("c").ToString());
-    EXPECT_EQ(text.rfind("@c runid=r1 sampleid=s read=3 ch=7 start_time=2026-01-01T00:00:00Z\n", 0), 0u);
+    EXPECT_EQ(TestSupport::ReadText((dir / "fastq_runid_r1_1.fastq").string()), Record("c").ToString());
 
     // No limit: one file however many records, and a writer that takes the files up again goes on
     // in that file, however full.
@@ -168,13 +159,10 @@ TEST_F(FastqWriterTest, ConcurrentWorkersNeverShareAFile) {
     const Names names = FileNames(dir);
     for (const std::string& name : names) {
         const Ids ids = ReadIds(dir / name);
-        ASSERT_FALSE(ids.empty());
-        ASSERT_LE(ids.size(), 7u);
+        ASSERT_TRUE(!ids.empty() && ids.size() <= 7u) << name;
         for (std::size_t i = 0; i < ids.size(); ++i) {
-            EXPECT_EQ(ids[i][0], ids[0][0]) << name;
-            if (i > 0) {
-                EXPECT_EQ(std::stoi(ids[i].substr(2)), std::stoi(ids[i - 1].substr(2)) + 1) << name;
-            }
+            // The same worker, the next read.
+            EXPECT_EQ(ids[i], ids[0].substr(0, 2) + std::to_string(std::stoi(ids[0].substr(2)) + i)) << name;
             seen.insert(ids[i]);
         }
     }

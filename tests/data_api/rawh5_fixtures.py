@@ -188,52 +188,37 @@ def make(directory):
     make_types(directory + "/types.h5")
 
 
-def expect(condition, message):
-    if not condition:
-        print("check failed: " + message)
-        sys.exit(1)
-
-
 def check(multi, legacy):
     """Shapes, types and values of files written by the project's round-trip test."""
-    with h5py.File(multi, "r") as f:
-        expect(sorted(k for k in f.keys() if k.startswith("read_")) == ["read_r1", "read_r2"], "read groups")
-        sig = f["read_r1/Raw/Signal"]
-        expect(sig.dtype == np.int16 and sig.shape == (2500,), "signal %s %s" % (sig.dtype, sig.shape))
-        expect(sig.chunks == (1024,) and sig.compression == "gzip", "chunks %s %s" % (sig.chunks, sig.compression))
-        expect(all(int(sig[i]) == i - 1250 for i in list(range(0, 2500, 97)) + [2499]), "signal samples")
-        raw = f["read_r1/Raw"].attrs
-        expect(raw["duration"].dtype == np.uint32 and raw["duration"] == 2500, "duration attribute")
-        expect(raw["start_time"].dtype == np.uint64, "start_time type")
-        expect(raw["read_id"] in ("r1", b"r1"), "read_id %r" % raw["read_id"])
-        expect(f["read_r1/channel_id"].attrs["digitisation"].dtype == np.float64, "digitisation type")
-        called = f["read_r1/Analyses/Basecall_1D_000"]
-        move = called["BaseCalled_template/Move"]
-        expect(move.dtype == np.uint8 and move.shape == (9,), "move %s %s" % (move.dtype, move.shape))
-        fastq = called["BaseCalled_template/Fastq"]
-        expect(fastq.shape == () and fastq.dtype.kind == "S", "fastq %s %s" % (fastq.dtype, fastq.shape))
-        expect(fastq[()].rstrip(b"\0").startswith(b"@r1"), "fastq text %r" % fastq[()])
-        status = called["Summary"].attrs["return_status"]
-        expect(status in (b"Workflow Successful", "Workflow Successful"), "status %r" % status)
-        grid = called["Grid/values"]
-        expect(grid.dtype == np.float64 and grid.shape == (4, 8), "grid %s %s" % (grid.dtype, grid.shape))
-        expect(float(grid[3, 7]) == 31.5, "grid value %r" % grid[3, 7])
-        packed = called["Packed"]
-        expect(packed.shape == (64, 16) and packed.compression == "gzip", "packed %s" % (packed.shape,))
-        expect(int(packed[63, 15]) == 63 * 16 + 15, "packed value")
-    with h5py.File(legacy, "r") as f:
-        expect(float(f.attrs["file_version"]) == 1.0, "file_version")
-        expect(list(f["Raw/Reads"].keys()) == ["Read_9"], "legacy read groups")
-        sig = f["Raw/Reads/Read_9/Signal"]
-        expect(sig.dtype == np.int16 and sig.shape == (1024,), "legacy signal %s" % (sig.shape,))
-        expect(sorted(f["UniqueGlobalKey"].keys()) == ["channel_id", "context_tags", "tracking_id"], "ugk groups")
-        events = f["Analyses/Basecall_1D_000/Events"]
-        expect(events.dtype.names == ("start", "mean", "model_state", "move"), "event fields")
-        expect(events.shape == (3,), "events shape")
-        expect(events.dtype["start"] == np.int64 and events.dtype["mean"] == np.float64, "event types")
-        expect(events.dtype["model_state"].kind == "S" and events.dtype["model_state"].itemsize == 5, "model_state")
-        expect(events[2]["model_state"] == b"GTACG" and events[2]["start"] == 10, "event values %r" % (events[2],))
-    print("ok")
+    with h5py.File(multi, "r") as f, h5py.File(legacy, "r") as g:
+        r1 = f["read_r1"]
+        called = r1["Analyses/Basecall_1D_000"]
+        sig, grid, packed, fastq = r1["Raw/Signal"], called["Grid/values"], called["Packed"], called["BaseCalled_template/Fastq"]
+        events = g["Analyses/Basecall_1D_000/Events"]
+        checks = {
+            "read groups": sorted(k for k in f.keys() if k.startswith("read_")) == ["read_r1", "read_r2"],
+            "signal": sig.dtype == np.int16 and sig.shape == (2500,) and sig.chunks == (1024,) and sig.compression == "gzip",
+            "signal samples": all(int(sig[i]) == i - 1250 for i in list(range(0, 2500, 97)) + [2499]),
+            "raw attributes": r1["Raw"].attrs["duration"].dtype == np.uint32 and r1["Raw"].attrs["duration"] == 2500
+            and r1["Raw"].attrs["start_time"].dtype == np.uint64 and r1["Raw"].attrs["read_id"] in ("r1", b"r1"),
+            "digitisation": r1["channel_id"].attrs["digitisation"].dtype == np.float64,
+            "move": called["BaseCalled_template/Move"].dtype == np.uint8 and called["BaseCalled_template/Move"].shape == (9,),
+            "fastq": fastq.shape == () and fastq.dtype.kind == "S" and fastq[()].rstrip(b"\0").startswith(b"@r1"),
+            "status": called["Summary"].attrs["return_status"] in (b"Workflow Successful", "Workflow Successful"),
+            "grid": grid.dtype == np.float64 and grid.shape == (4, 8) and float(grid[3, 7]) == 31.5,
+            "packed": packed.shape == (64, 16) and packed.compression == "gzip" and int(packed[63, 15]) == 63 * 16 + 15,
+            "file_version": float(g.attrs["file_version"]) == 1.0,
+            "legacy reads": list(g["Raw/Reads"].keys()) == ["Read_9"],
+            "legacy signal": g["Raw/Reads/Read_9/Signal"].dtype == np.int16 and g["Raw/Reads/Read_9/Signal"].shape == (1024,),
+            "ugk groups": sorted(g["UniqueGlobalKey"].keys()) == ["channel_id", "context_tags", "tracking_id"],
+            "event fields": events.dtype.names == ("start", "mean", "model_state", "move") and events.shape == (3,),
+            "event types": events.dtype["start"] == np.int64 and events.dtype["mean"] == np.float64
+            and events.dtype["model_state"].kind == "S" and events.dtype["model_state"].itemsize == 5,
+            "event values": events[2]["model_state"] == b"GTACG" and events[2]["start"] == 10,
+        }
+    failed = [name for name, ok in checks.items() if not ok]
+    print("check failed: " + ", ".join(failed) if failed else "ok")
+    sys.exit(1 if failed else 0)
 
 
 if __name__ == "__main__":

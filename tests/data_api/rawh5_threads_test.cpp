@@ -36,16 +36,14 @@ long digest(const std::string& path) {
     return sum;
 }
 
-// A thread that writes while the others read.
+// A thread that writes while the others read, then reads its file back.
 long writeAndReadBack(const std::string& path) {
     {
         Rawh5::ReadSource source(path, H5Mode::CreateTruncate);
         for (unsigned int r = 0; r < 3; ++r) {
             auto read = source.AddRead("w" + std::to_string(r));
             read->SetMetadata(kvx_test::MetadataFor("w" + std::to_string(r), 3000 + r, 1));
-            std::vector<std::int16_t> samples(3000 + r);
-            for (unsigned int i = 0; i < samples.size(); ++i) samples[i] = std::int16_t((i * 4) % 2000);
-            read->SetRawData(samples);
+            read->SetRawData(std::vector<std::int16_t>(3000 + r, std::int16_t(r + 1)));
         }
     }
     return digest(path);
