@@ -36,7 +36,6 @@ TEST(FastQRecord, ValidationMessages) {
 TEST(FastQRecord, TextsAndHeaderBuilding) {
     const FastQRecord record("@id runid=r", "ACGT", "!#%'");
     EXPECT_EQ(record.ToString(), "@id runid=r\nACGT\n+\n!#%'\n");
-    EXPECT_EQ(record.Print(), "Header: @id runid=r\nSequence: ACGT\nQstring: !#%'\n");
     EXPECT_EQ(record.AddHeaderField("barcode", "bc01"), "@id runid=r barcode=bc01");
     Common::FastQHeaderFields fields;
     fields.read_id = "abc-123";

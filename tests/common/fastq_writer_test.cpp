@@ -4,7 +4,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <unordered_set>
 #include <vector>
 
 #include <boost/filesystem.hpp>
@@ -63,8 +62,9 @@ TEST_F(FastqWriterTest, RollsOverAfterRecordsPerFileUnlessUnlimited) {
         FastqWriter writer(d, 2, 1, false);
         EXPECT_EQ(writer.Folder(true, false), d);
         for (const char* id : {"a", "b", "c"}) writer.Write(0, Record(id), "r1", writer.Key(true, false), d);
+        writer.Write(0, Record("d", "r2"), "r2", "00", d);  // another run numbers from 0
     }
-    EXPECT_EQ(FileNames(dir), (Names{"fastq_runid_r1_0.fastq", "fastq_runid_r1_1.fastq"}));
+    EXPECT_EQ(FileNames(dir), (Names{"fastq_runid_r1_0.fastq", "fastq_runid_r1_1.fastq", "fastq_runid_r2_0.fastq"}));
     EXPECT_EQ(ReadIds(dir / "fastq_runid_r1_0.fastq"), (Ids{"a", "b"}));
     // The file text is exactly the records' own text.
     EXPECT_EQ(TestSupport::ReadText((dir / "fastq_runid_r1_1.fastq").string()), Record("c").ToString());
@@ -79,23 +79,6 @@ TEST_F(FastqWriterTest, RollsOverAfterRecordsPerFileUnlessUnlimited) {
     }
     EXPECT_EQ(FileNames(one), (Names{"fastq_runid_r1_0.fastq"}));
     EXPECT_EQ(ReadIds(one + "/fastq_runid_r1_0.fastq").size(), 51u);
-}
-
-TEST_F(FastqWriterTest, WorkersShareNumberingAndRunsHaveTheirOwn) {
-    {
-        FastqWriter writer(d, 2, 2, false);
-        writer.Write(0, Record("w0a"), "r1", "00", d);  // worker 0 takes r1 #0
-        writer.Write(1, Record("w1a"), "r1", "00", d);  // worker 1 takes r1 #1
-        writer.Write(0, Record("w0b"), "r1", "00", d);
-        writer.Write(0, Record("w0c"), "r1", "00", d);        // worker 0 is full: r1 #2
-        writer.Write(0, Record("w0d", "r2"), "r2", "00", d);  // another run numbers from 0
-        writer.Write(1, Record("w1b"), "r1", "00", d);
-    }
-    EXPECT_EQ(ReadIds(dir / "fastq_runid_r1_0.fastq"), (Ids{"w0a", "w0b"}));
-    EXPECT_EQ(ReadIds(dir / "fastq_runid_r1_1.fastq"), (Ids{"w1a", "w1b"}));
-    EXPECT_EQ(ReadIds(dir / "fastq_runid_r1_2.fastq"), (Ids{"w0c"}));
-    EXPECT_EQ(ReadIds(dir / "fastq_runid_r2_0.fastq"), (Ids{"w0d"}));
-    EXPECT_EQ(FileNames(dir).size(), 4u);
 }
 
 TEST_F(FastqWriterTest, KeysAndFoldersFollowTheFilter) {
@@ -201,16 +184,4 @@ TEST_F(FastqWriterTest, CompressedFilesHoldThePlainRecords) {
         EXPECT_EQ(FileNames(dir / "gz" / sub), expected_names) << sub;
     }
     EXPECT_EQ(records, 10u);
-}
-
-TEST_F(FastqWriterTest, ReadIdWhitelist) {
-    std::unordered_set<std::string> ids;
-    TestSupport::LogCapture log;
-    Common::LoadReadIdWhitelist(temp.File("ids.txt", "id-1\r\n\nid 2\nid-3\nid-1\n"), ids);
-    EXPECT_EQ(ids, (std::unordered_set<std::string>{"id-1", "id-3"}));
-    EXPECT_EQ(log.Messages(Common::logging::attributes::SeverityLevel::warning),
-              Ids{"read_id is invalid as it contains a space id 2"});
-    const std::string missing = (dir / "none.txt").string();
-    EXPECT_EQ(ErrorOf([&] { Common::LoadReadIdWhitelist(missing, ids); }),
-              "Could not load readIdWhitelist file: '" + missing + "'");
 }

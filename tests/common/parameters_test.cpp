@@ -199,7 +199,7 @@ TEST(Parameters, HelpValidationAndDeclarationRules) {
               "Flag options cannot also be configuration options.");
 }
 
-TEST(Parameters, ConfigFilesReadAndSaved) {
+TEST(Parameters, ConfigFileReadAfterTheCommandLine) {
     TempDir dir;
     const auto file = dir.File("w.cfg", "name = file_name\ncount = 5\nunknown_key = 1\n");
     TestParams params;
@@ -211,23 +211,4 @@ TEST(Parameters, ConfigFilesReadAndSaved) {
     params.ReadConfigFile((dir.path / "missing.cfg").string(), 0, nullptr);
     EXPECT_EQ(params.name, "file_name");
     EXPECT_EQ(params.count, 8u);
-
-    const auto path = (dir.path / "saved.cfg").string();
-    params.SaveConfig(path, {"first", "second"}, false);
-    EXPECT_EQ(TestSupport::ReadText(path),
-              "# first\n# second\n\n"
-              "name\t\t=\tfile_name\ncount\t\t=\t8\nscale\t\t=\t1.500000\noffset\t\t=\t-3\nenabled\t\t=\t1\n"
-              "needed_anywhere\t\t=\ty\n");
-    // A saved configuration reads back into a fresh set.
-    std::istringstream saved(TestSupport::ReadText(path));
-    TestParams again;
-    EXPECT_EQ(Parse(again, With({}), &saved), 0u) << again.ErrorText() << again.MessageText();
-    EXPECT_EQ(again.name, "file_name");
-    // Every option, with the command line of the last read (no -w) on top.
-    params.SaveConfig(path, {}, true);
-    EXPECT_EQ(TestSupport::ReadText(path),
-              "name\t\t=\tfile_name\ncount\t\t=\t8\nscale\t\t=\t1.500000\noffset\t\t=\t-3\nenabled\t\t=\t1\n"
-              "switch\t\t=\t0\ncmd_only\t\t=\t\nneeded\t\t=\tx\nneeded_anywhere\t\t=\ty\n");
-    EXPECT_EQ(again.offset, -3);
-    EXPECT_FLOAT_EQ(again.scale, 1.5f);
 }
