@@ -66,15 +66,6 @@ TEST(H5Wrapper, ReadsDataSetsAndAttributesFromAnotherWriter) {
                                             {"move", DataType::Int32, 4, 24}};
     EXPECT_EQ(file.OpenDataset("events")->Format().fields, fields);
 
-    H5Dataset* matrix = file.OpenDataset("matrix");
-    std::vector<float> values(12);
-    DataView view = DataView::Matrix(values.data(), 3, 4);
-    ASSERT_TRUE(matrix->Read(view));
-    EXPECT_EQ(values, iota<float>(12, 0.0f));
-    // Every view but a string view must match exactly.
-    DataView flat = DataView::Of(values.data(), values.size());
-    EXPECT_EQ(ErrorOf([&] { matrix->Read(flat); }), "Data to be read does not match format of dataset.");
-
     // String views adapt to the length of the data set; fixed-length text is cut at its first zero.
     std::string text;
     DataView string_view = DataView::OfString(text);
@@ -128,11 +119,8 @@ TEST(H5Wrapper, RefusalsAndTheirMessages) {
         {[&] { H5File f(types, H5Mode::CreateExclusive); }, "Could not create file \"" + types + "\"."},
         {[&] { H5File f(missing, H5Mode::Closed); }, "Unknown value of mode parameter for H5File constructor."},
         {[&] { ro->CreateGroup("x"); }, "Cannot create group in read-only mode."},
-        {[&] { ro->SetAttributes({{"x", 1}}); }, "Cannot set attributes in read-only mode."},
-        {[&] { ro->AddAttribute("x", 1); }, "Cannot add attribute in read-only mode."},
         {[&] { ro->CreateDataset("x", view); }, "Cannot create dataset in read-only mode."},
         {[&] { closed->GetAttributes(); }, "Cannot get attributes for invalid or closed object."},
-        {[&] { closed->ListGroups(); }, "Cannot list groups for invalid group or file object."},
         {[&] { closed->OpenGroup("x"); }, "Cannot open group for invalid group or file object."},
         {[&] { ds->Read(target); }, "Cannot read data from an invalid or closed object."},
     };
@@ -179,17 +167,13 @@ TEST(H5Wrapper, ListingsAndOwnedChildren) {
     first->Close();
     EXPECT_EQ(second->ListGroups(), (std::vector<std::string>{"inner"}));
 
-    H5Group* group = file.CreateGroup("g", {{"from_create", std::string("yes")}});
-    AttributeMap all = {{"sc", (signed char)-3}, {"uc", (unsigned char)250}, {"s", (short)-300},
-                        {"us", (unsigned short)65000}, {"i", -70000}, {"ui", 4000000000u}, {"l", -(1l << 40)},
-                        {"ul", (1ul << 63)}, {"f", 1.5f}, {"d", 2.25}, {"text", std::string("value")}};
-    group->SetAttributes(all);
+    // Attributes of every kind round-trip through read metadata (Rawh5RoundTrip); these are the odd ones.
+    H5Group* group = file.CreateGroup("g", {{"from_create", std::string("yes")}, {"text", std::string("value")}});
     group->AddAttribute("odd", true);                           // a kind the layer cannot store
     group->AddAttribute("text", std::string("second value"));  // existing names are kept
     EXPECT_EQ(ErrorOf([&] { group->AddAttribute("empty", boost::any()); }), "Something went wrong parsing attribute empty");
-    auto expected = AttributeTexts(all);
-    expected["from_create"] = "text:yes";
-    expected["odd"] = "text:W";  // only the first character of the placeholder text reaches the file
+    // Only the first character of the placeholder text reaches the file.
+    const std::map<std::string, std::string> expected = {{"from_create", "text:yes"}, {"text", "text:value"}, {"odd", "text:W"}};
     EXPECT_EQ(AttributeTexts(group->GetAttributes()), expected);
 }
 
