@@ -90,9 +90,6 @@ def make_multi(path):
         for i in range(11):  # more attributes than compact storage holds
             tags.attrs["extra_%02d" % i] = np.int16(i)
         analyses = f.create_group("read_read-one/Analyses")
-        seg = analyses.create_group("Segmentation_000/Summary")
-        seg.attrs["return_status"] = "Workflow Successful"
-        seg.create_group("segmentation").attrs["first_sample_template"] = np.int64(100)
         basecall_analysis(analyses, "Basecall_1D_000")
         basecall_analysis(analyses, "Basecall_1D_003", status="Something nobody wrote down")
         # An analysis with data sets only, one inside a nested group and one in Summary.

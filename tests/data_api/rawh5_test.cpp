@@ -175,7 +175,7 @@ TEST(Rawh5Read, MultiReadFileFromAnotherWriter) {
 TEST(Rawh5Read, AnalysesFromAnotherWriter) {
     Rawh5::ReadSource source(Fixture("multi.rawh5"), H5Mode::ReadOnly);
     auto read = source.GetRead("read-one");
-    EXPECT_EQ(names(read->GetAnalyses()), (Names{"Alignment_000", "Basecall_1D_000", "Basecall_1D_003", "Segmentation_000"}));
+    EXPECT_EQ(names(read->GetAnalyses()), (Names{"Alignment_000", "Basecall_1D_000", "Basecall_1D_003"}));
 
     auto basecall = analysis(*read, "Basecall_1D_000");
     EXPECT_EQ(basecall->GetReturnStatus(), ReturnStatus::Successful);
@@ -204,8 +204,6 @@ TEST(Rawh5Read, AnalysesFromAnotherWriter) {
     auto deep = alignment->GetDataSet({"values", "deep/er/values"});
     EXPECT_EQ(deep->ReadVector<float>()[11], 11.0f);
     EXPECT_EQ(alignment->GetDataSet({"stats", "Summary/stats"})->ReadVector<std::int64_t>(), (std::vector<std::int64_t>{0, 1, 2}));
-    auto segmentation = analysis(*read, "Segmentation_000");
-    EXPECT_EQ(attr<long>(segmentation->Summary().at("segmentation"), "first_sample_template"), 100);
     EXPECT_EQ(ErrorOf([&] { analysis(*read, "Nothing_000"); }), "Analysis 'Nothing_000' not found in read.");
 }
 
