@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <vector>
 
 #include "../async_caller/log_capture.h"
 #include "common/fastq_record.h"
 #include "test_support.h"
 
-using Common::FastQIterable;
 using Common::FastQRecord;
 using Common::logging::attributes::SeverityLevel;
 using TestSupport::ErrorOf;
@@ -68,26 +66,4 @@ TEST(FastQRecord, ReadAndRunIdsOfDamagedTitles) {
                                         "Could not extract run id from fastq title. Continuing with next read."}));
     EXPECT_EQ(ErrorOf([] { FastQRecord().GetReadId(); }), "Cannot get the read ID from an empty FastQ record.");
     EXPECT_EQ(ErrorOf([] { FastQRecord().GetRunId(); }), "Cannot get the run ID from an empty FastQ record.");
-}
-
-// A walk ends at the end of the text, or with a message at the first bad record.
-TEST(FastQIterable, WalksRecordsAndStopsAtTheEnd) {
-    TestSupport::LogCapture log;
-    const auto ids = [](const std::string& text) {
-        std::istringstream in(text);
-        FastQIterable records(in);
-        std::vector<std::string> out;
-        for (records.begin(); !records.AtEnd(); records.Increment()) out.push_back(records.GetReadId());
-        EXPECT_EQ(records.State(), FastQIterable::kEnd);
-        EXPECT_EQ(ErrorOf([&] { records.begin(); }), "Cannot start FastQ iteration twice");
-        return out;
-    };
-    EXPECT_EQ(ids("@r1 runid=a\nACGT\n+\n!!!!\n@r2 runid=a\nGG\n+ anything\n##\n@r3\nT\n+\n~"),
-              (std::vector<std::string>{"r1", "r2", "r3"}));
-    EXPECT_TRUE(ids("").empty());
-    EXPECT_TRUE(log.Messages(SeverityLevel::message).empty());
-    EXPECT_EQ(ids("@ok\nAC\n+\n!!\n@bad\nACN\n+\n!!!\n@never\nA\n+\n!\n"), std::vector<std::string>{"ok"});
-    const std::vector<std::string> messages = log.Messages(SeverityLevel::message);
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].rfind("Caught exception, so setting END flag. Sequence contained an unexpected character 'N' at position 2", 0), 0u);
 }

@@ -198,17 +198,3 @@ TEST(Parameters, HelpValidationAndDeclarationRules) {
     EXPECT_EQ(ErrorOf([&] { params.AddOption("bad_flag2", "test", value, Parameters::Flag | Parameters::Config); }),
               "Flag options cannot also be configuration options.");
 }
-
-TEST(Parameters, ConfigFileReadAfterTheCommandLine) {
-    TempDir dir;
-    const auto file = dir.File("w.cfg", "name = file_name\ncount = 5\nunknown_key = 1\n");
-    TestParams params;
-    Parse(params, With({"-w", "--count", "8"}));
-    // A file read later keeps the command line on top; a file that cannot be opened reads as empty.
-    const std::vector<const char*> argv = {"prog", "--count", "8"};
-    params.ReadConfigFile(file, 3, argv.data());
-    EXPECT_EQ(params.config_file, file);
-    params.ReadConfigFile((dir.path / "missing.cfg").string(), 0, nullptr);
-    EXPECT_EQ(params.name, "file_name");
-    EXPECT_EQ(params.count, 8u);
-}
