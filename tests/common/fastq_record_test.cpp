@@ -31,21 +31,6 @@ TEST(FastQRecord, ValidationMessages) {
     EXPECT_EQ(record.Header(), "@x");
 }
 
-TEST(FastQRecord, TextsAndHeaderBuilding) {
-    const FastQRecord record("@id runid=r", "ACGT", "!#%'");
-    EXPECT_EQ(record.ToString(), "@id runid=r\nACGT\n+\n!#%'\n");
-    EXPECT_EQ(record.AddHeaderField("barcode", "bc01"), "@id runid=r barcode=bc01");
-    Common::FastQHeaderFields fields;
-    fields.read_id = "abc-123";
-    fields.run_id = "run9";
-    fields.sample_id = "s1";
-    fields.read_number = 4017;
-    fields.channel = 12;
-    fields.start_time = "2017-06-01T10:00:01Z";
-    EXPECT_EQ(FastQRecord::MakeHeader(fields),
-              "@abc-123 runid=run9 sampleid=s1 read=4017 ch=12 start_time=2017-06-01T10:00:01Z");
-}
-
 TEST(FastQRecord, ReadAndRunIdsOfDamagedTitles) {
     TestSupport::LogCapture log;
     const FastQRecord full("@abc runid=xyz sampleid=s", "", "");
