@@ -147,14 +147,11 @@ TEST(Rawh5Read, MultiReadFileFromAnotherWriter) {
     EXPECT_EQ(attr<std::string>(tags, "flag"), "Warning, attribute is of unsupported type.");
     EXPECT_EQ(attr<std::string>(tags, "experiment_kit"), "kit-9");
 
-    // Signal: whole, stretches, clamped stretches, scaled.
+    // Signal: whole, clamped stretches.
     const Ints all = read->GetRawData();
     EXPECT_EQ(all, fixtureSignal(5000, 1));
     EXPECT_EQ(read->GetRawData(4990, 100), Ints(all.begin() + 4990, all.end()));
     EXPECT_TRUE(read->GetRawData(5000, 5).empty());
-    const std::vector<float> scaled = read->GetScaledData(10, 3);
-    ASSERT_EQ(scaled.size(), 3u);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(scaled[i], float((all[10 + i] + 6.0) * (1467.61 / 8192.0)));
 
     // A minimal read: optional groups missing, "duration" in single precision is truncated.
     auto second = source.GetRead("read-two");
@@ -301,12 +298,7 @@ TEST(Rawh5RoundTrip, WrittenFilesReadBackHereAndInH5py) {
         r1->SetRawData(ramp<std::int16_t>(2500, -1250));
         EXPECT_EQ(ErrorOf([&] { r1->SetRawData(ramp<std::int16_t>(2500, 0)); }), "Raw data cannot be set if it is already present.");
         writeBasecall(*r1, "r1");
-        // The scaled half: picoamperes back to raw samples with the channel's calibration.
-        auto r2 = source.AddRead("r2");
-        r2->SetMetadata(kvx_test::MetadataFor("r2", 4, 2));
-        const double scale = 1500.0 / 8192.0;
-        // Truncation toward zero after the offset: 88.25 + 12 gives 100, -19.25 + 12 gives -7.
-        r2->SetScaledData({float(88.25 * scale), float(-19.25 * scale), 0.0f, 1e9f});
+        source.AddRead("r2")->SetMetadata(kvx_test::MetadataFor("r2", 4, 2));
         EXPECT_EQ(ErrorOf([&] { source.AddRead("r1"); }), "Cannot create read 'r1'. Read id already exists in file.");
     }
     {
@@ -329,9 +321,7 @@ TEST(Rawh5RoundTrip, WrittenFilesReadBackHereAndInH5py) {
         EXPECT_EQ(kvx_test::AttributeTexts(read->Metadata().at(group)), kvx_test::AttributeTexts(written.at(group))) << group;
     }
     EXPECT_EQ(read->GetRawData(), ramp<std::int16_t>(2500, -1250));
-    EXPECT_EQ(read->GetScaledData(0, 1), std::vector<float>{float((-1250 - 12.0) * (1500.0 / 8192.0))});
     checkBasecall(*read, "r1");
-    EXPECT_EQ(source.GetRead("r2")->GetRawData(), (Ints{100, -7, 12, 32767}));
 
     Rawh5::ReadSource legacy_source(legacy, H5Mode::ReadOnly);
     auto legacy_read = legacy_source.GetRead("L1");
