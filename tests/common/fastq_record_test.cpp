@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <vector>
 
 #include "../async_caller/log_capture.h"
@@ -29,6 +30,7 @@ TEST(FastQRecord, ValidationMessages) {
     FastQRecord record;
     EXPECT_THROW(record.Set("@x", "AC", "!"), std::runtime_error);
     EXPECT_EQ(record.Header(), "@x");
+    EXPECT_EQ(FastQRecord("@id runid=r", "", "").AddHeaderField("barcode", "bc01"), "@id runid=r barcode=bc01");
 }
 
 TEST(FastQRecord, ReadAndRunIdsOfDamagedTitles) {
@@ -51,4 +53,23 @@ TEST(FastQRecord, ReadAndRunIdsOfDamagedTitles) {
                                         "Could not extract run id from fastq title. Continuing with next read."}));
     EXPECT_EQ(ErrorOf([] { FastQRecord().GetReadId(); }), "Cannot get the read ID from an empty FastQ record.");
     EXPECT_EQ(ErrorOf([] { FastQRecord().GetRunId(); }), "Cannot get the run ID from an empty FastQ record.");
+}
+
+// A walk ends at the end of the text, or with a message at the first bad record.
+TEST(FastQIterable, WalksRecordsAndStopsAtTheEnd) {
+    TestSupport::LogCapture log;
+    for (const auto& [text, ids] : std::vector<std::pair<std::string, std::vector<std::string>>>{
+             {"@r1 runid=a\nACGT\n+\n!!!!\n@r2 runid=a\nGG\n+ anything\n##\n@r3\nT\n+\n~", {"r1", "r2", "r3"}},
+             {"", {}},
+             {"@ok\nAC\n+\n!!\n@bad\nACN\n+\n!!!\n@never\nA\n+\n!\n", {"ok"}}}) {
+        std::istringstream in(text);
+        Common::FastQIterable records(in);
+        std::vector<std::string> found;
+        for (records.begin(); !records.AtEnd(); records.Increment()) found.push_back(records.GetReadId());
+        EXPECT_EQ(found, ids);
+        EXPECT_EQ(ErrorOf([&] { records.begin(); }), "Cannot start FastQ iteration twice");
+    }
+    const auto messages = log.Messages(SeverityLevel::message);
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].rfind("Caught exception, so setting END flag. Sequence contained an unexpected character 'N' at position 2", 0), 0u);
 }

@@ -191,3 +191,17 @@ TEST(Parameters, HelpValidationAndDeclarationRules) {
     EXPECT_EQ(ErrorOf([&] { params.AddOption("bad_flag2", "test", value, Parameters::Flag | Parameters::Config); }),
               "Flag options cannot also be configuration options.");
 }
+
+// The saved text: comment lines, then each configuration option (or every option) as printed.
+TEST(Parameters, SaveConfigWritesPrintedValues) {
+    TempDir dir;
+    TestParams params;
+    Parse(params, With({"-w"}));
+    const auto path = (dir.path / "saved.cfg").string();
+    params.SaveConfig(path, {"first", "second"}, false);
+    EXPECT_EQ(TestSupport::ReadText(path), "# first\n# second\n\nname\t\t=\tctor\ncount\t\t=\t7\nscale\t\t=\t1.500000\n"
+                                           "offset\t\t=\t-3\nenabled\t\t=\t1\nneeded_anywhere\t\t=\ty\n");
+    params.SaveConfig(path, {}, true);
+    EXPECT_EQ(TestSupport::ReadText(path), "name\t\t=\tctor\ncount\t\t=\t7\nscale\t\t=\t1.500000\noffset\t\t=\t-3\nenabled\t\t=\t1\n"
+                                           "switch\t\t=\t1\ncmd_only\t\t=\t\nneeded\t\t=\tx\nneeded_anywhere\t\t=\ty\n");
+}
