@@ -163,6 +163,10 @@ std::uint32_t Parameters::ParseArguments(std::istream* stream, const std::string
             skip_sources = true;
         } else {
             config_path = scanArgv(argc, argv, "--config", "-c");
+            if (config_path.empty() && !default_config.empty()) {
+                config_path = default_config;
+                config_file = default_config;
+            }
             if (!config_path.empty()) {
                 config_path = prefixIfBare(config_path, data_path);
                 if (!fs::exists(config_path)) {
@@ -231,7 +235,7 @@ std::uint32_t Parameters::ParseArguments(std::istream* stream, const std::string
         if (cmdline_map.count("help") || argc == 1) {
             std::ostringstream help;
             help << cmdline_options;
-            message_text += help.str();
+            message_text += help_header + help.str();
             flags |= HelpRequested;
         }
     }

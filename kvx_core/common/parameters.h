@@ -54,8 +54,9 @@ public:
     virtual void SaveConfig(const std::string& path, const std::vector<std::string>& comment_lines,
                             bool all_options) const;
 
-    // Parses an optional ready config stream (else config_name, else --config/-c) and then argv.
-    // Returns the flag word. Must be called once per object, because it declares the options itself.
+    // Parses an optional ready config stream (else config_name, else --config/-c, else
+    // default_config) and then argv. Returns the flag word. Must be called once per object, because
+    // it declares the options itself.
     std::uint32_t ParseArguments(std::istream* stream, const std::string& config_name, int argc,
                                  const char* const* argv, const std::string& data_subdir);
 
@@ -89,6 +90,8 @@ protected:
     std::map<std::string, boost::any> values;
     std::map<std::string, std::function<std::string(const boost::any&)>> printers;
     std::vector<std::string> option_names;
+    std::string default_config;
+    std::string help_header;
     std::uint32_t flags = NotParsed;
     std::string error_text;
     std::string message_text;

@@ -134,6 +134,14 @@ std::vector<std::int16_t> ReadData::GetRawData(unsigned start, unsigned length) 
     return samples;
 }
 
+std::vector<float> ReadData::GetScaledData(unsigned start, unsigned length) {
+    const std::vector<std::int16_t> raw = GetRawData(start, length);
+    const double scale = range / digitisation;
+    std::vector<float> scaled(raw.size());
+    for (std::size_t i = 0; i < raw.size(); ++i) scaled[i] = static_cast<float>((raw[i] + offset) * scale);
+    return scaled;
+}
+
 void ReadData::SetMetadata(const ReadMetadata& m) {
     if (!metadata.empty()) throw std::runtime_error("This API does not support modification of data already in a rawh5 file.");
     const AttributeMap& raw = m.at("raw_data");
@@ -193,6 +201,19 @@ void ReadData::SetRawData(const std::vector<std::int16_t>& samples) {
     H5Wrapper::H5Dataset* signal = raw_group->CreateDataset("Signal", view);
     if (!signal) throw std::runtime_error("Could not create raw dataset.");
     signal->Close();
+}
+
+void ReadData::SetScaledData(const std::vector<float>& values) {
+    if (metadata.empty()) throw std::runtime_error("Cannot set data for a read until after metadata has been set.");
+    const float factor = static_cast<float>(digitisation / range);
+    std::vector<std::int16_t> samples(values.size());
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const double raw = std::trunc(static_cast<double>(values[i] * factor) - offset);
+        // Values beyond what the converter can express are held at its limits.
+        samples[i] = static_cast<std::int16_t>(std::clamp<double>(raw, std::numeric_limits<std::int16_t>::min(),
+                                                                  std::numeric_limits<std::int16_t>::max()));
+    }
+    SetRawData(samples);
 }
 
 std::shared_ptr<DataAPI::AnalysisData> ReadData::CreateAnalysis(const std::string& name, const AttributeMap& attributes) {

@@ -28,9 +28,11 @@ public:
     std::vector<NamePath> GetAnalyses() override { return analyses; }
     std::shared_ptr<DataAPI::AnalysisData> GetAnalysis(const NamePath& analysis) override;
     std::vector<std::int16_t> GetRawData(unsigned start = 0, unsigned length = 0) override;
+    std::vector<float> GetScaledData(unsigned start = 0, unsigned length = 0) override;
 
     void SetMetadata(const ReadMetadata& metadata) override;
     void SetRawData(const std::vector<std::int16_t>& samples) override;
+    void SetScaledData(const std::vector<float>& values) override;
     std::shared_ptr<DataAPI::AnalysisData> CreateAnalysis(const std::string& name, const AttributeMap& attributes) override;
 
     double Offset() const { return offset; }

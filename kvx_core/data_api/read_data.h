@@ -20,11 +20,15 @@ public:
     // Samples [start, start + length) of the raw signal; length 0 means to the end. The whole
     // signal is read in any case.
     virtual std::vector<std::int16_t> GetRawData(unsigned start = 0, unsigned length = 0) = 0;
+    // The same stretch in picoamperes: (sample + offset) * range / digitisation.
+    virtual std::vector<float> GetScaledData(unsigned start = 0, unsigned length = 0) = 0;
 
     // Write half. Metadata first: groups "raw_data", "channel_id", "tracking_id" (and any other,
     // e.g. "context_tags"); then the signal; analyses at any time after the read exists.
     virtual void SetMetadata(const ReadMetadata& metadata) = 0;
     virtual void SetRawData(const std::vector<std::int16_t>& samples) = 0;
+    // Turns picoamperes back into raw samples with the channel's calibration, then SetRawData.
+    virtual void SetScaledData(const std::vector<float>& values) = 0;
     // Creates "<name>_NNN" with the next free index under "Analyses".
     virtual std::shared_ptr<AnalysisData> CreateAnalysis(const std::string& name, const AttributeMap& attributes) = 0;
 

@@ -32,6 +32,8 @@ public:
     }
     bool ValidateParams() override { return valid; }
     using Parameters::AddOption;
+    using Parameters::default_config;
+    using Parameters::help_header;
 
     std::string name = "ctor", cmd_only, needed = "n", needed_anywhere = "n";
     std::uint64_t count = 7;
@@ -137,18 +139,21 @@ TEST(Parameters, ConfigFileLookup) {
     TempDir dir;
     const auto file = dir.File("a.cfg", "name = from_file\n");
     dir.File("b.cfg", "count = 99\n");
+    dir.File("default.cfg", "scale = 4.25\n");
     const auto missing = (dir.path / "none.cfg").string();
     const std::string data = dir.Str();
     const struct {
         std::vector<std::string> args;
         std::uint32_t flags;
-        std::string error, config_file, options, values;
+        std::string error, config_file, options, values, default_config = "";
     } cases[] = {
         {With({"--config", file}), 0, "", file, "name", "from_file"},
         // The equals form is invisible to the scan: the file is not read, yet its name is kept.
         {With({"--config=" + file}), 0, "", file, "name", "ctor"},
         // A bare name is looked up in the data path.
         {With({"-d", data, "-c", "b.cfg"}), 0, "", data + "/b.cfg", "count data_path", "99 " + data},
+        // The program's default file, when none is named, is looked up there too.
+        {With({"-d", data}), 0, "", data + "/default.cfg", "scale", "4.250000", "default.cfg"},
         // A missing file is reported and still opened.
         {With({"--config", missing}), Parameters::ParseFailed | Parameters::ConfigReadError,
          "Config file: " + missing + " does not exist!\nError reading config file: 'can not read options "
@@ -157,6 +162,7 @@ TEST(Parameters, ConfigFileLookup) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args[1]);
         TestParams params;
+        params.default_config = c.default_config;
         EXPECT_EQ(Parse(params, c.args), c.flags);
         EXPECT_EQ(params.ErrorText(), c.error);
         EXPECT_EQ(params.config_file, c.config_file);
@@ -173,8 +179,9 @@ TEST(Parameters, HelpValidationAndDeclarationRules) {
     // The bare program name shows the command-line help, without the configuration-only options.
     std::istringstream config("name = x\n");
     TestParams params;
+    params.help_header = "Usage: prog\n";
     EXPECT_EQ(Parse(params, {}, &config), std::uint32_t(Parameters::HelpRequested | Parameters::ParseFailed));
-    EXPECT_EQ(params.MessageText().rfind("Command line parameters:\n", 0), 0u);
+    EXPECT_EQ(params.MessageText().rfind("Usage: prog\nCommand line parameters:\n", 0), 0u);
     EXPECT_NE(params.MessageText().find("--needed arg"), std::string::npos);
     EXPECT_EQ(params.MessageText().find("--offset"), std::string::npos);
     EXPECT_EQ(params.name, "x");

@@ -298,7 +298,12 @@ TEST(Rawh5RoundTrip, WrittenFilesReadBackHereAndInH5py) {
         r1->SetRawData(ramp<std::int16_t>(2500, -1250));
         EXPECT_EQ(ErrorOf([&] { r1->SetRawData(ramp<std::int16_t>(2500, 0)); }), "Raw data cannot be set if it is already present.");
         writeBasecall(*r1, "r1");
-        source.AddRead("r2")->SetMetadata(kvx_test::MetadataFor("r2", 4, 2));
+        auto r2 = source.AddRead("r2");
+        r2->SetMetadata(kvx_test::MetadataFor("r2", 4, 2));
+        // Picoamperes back to samples with the channel's calibration, truncated toward zero after
+        // the offset: 88.25 + 12 gives 100, -19.25 + 12 gives -7; too large a value saturates.
+        const double scale = 1500.0 / 8192.0;
+        r2->SetScaledData({float(88.25 * scale), float(-19.25 * scale), 0.0f, 1e9f});
         EXPECT_EQ(ErrorOf([&] { source.AddRead("r1"); }), "Cannot create read 'r1'. Read id already exists in file.");
     }
     {
@@ -321,6 +326,9 @@ TEST(Rawh5RoundTrip, WrittenFilesReadBackHereAndInH5py) {
         EXPECT_EQ(kvx_test::AttributeTexts(read->Metadata().at(group)), kvx_test::AttributeTexts(written.at(group))) << group;
     }
     EXPECT_EQ(read->GetRawData(), ramp<std::int16_t>(2500, -1250));
+    EXPECT_EQ(read->GetScaledData(1, 2), (std::vector<float>{float((-1249 - 12.0) * (1500.0 / 8192.0)),
+                                                             float((-1248 - 12.0) * (1500.0 / 8192.0))}));
+    EXPECT_EQ(source.GetRead("r2")->GetRawData(), (Ints{100, -7, 12, 32767}));
     checkBasecall(*read, "r1");
 
     Rawh5::ReadSource legacy_source(legacy, H5Mode::ReadOnly);
