@@ -1,7 +1,5 @@
 #include "common/fastq_record.h"
 
-#include <cstdio>
-#include <ctime>
 #include <stdexcept>
 
 #include "common/logger.h"
@@ -118,19 +116,6 @@ void FastQIterable::Increment() {
         state = kEnd;
         KVX_LOG(message) << "Caught unknown exception, so setting END flag.";
     }
-}
-
-std::string TimeStampText(std::chrono::system_clock::time_point when) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
-    const auto millis =
-        std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count() % 1000;
-    std::tm parts{};
-    localtime_r(&seconds, &parts);
-    char text[64];
-    std::snprintf(text, sizeof(text), "%04u-%02u-%02u %02u:%02u:%02u.%03u", unsigned(parts.tm_year + 1900),
-                  unsigned(parts.tm_mon + 1), unsigned(parts.tm_mday), unsigned(parts.tm_hour), unsigned(parts.tm_min),
-                  unsigned(parts.tm_sec), unsigned(millis < 0 ? millis + 1000 : millis));
-    return text;
 }
 
 }  // namespace Common

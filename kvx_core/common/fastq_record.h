@@ -87,7 +87,4 @@ private:
     std::istream* stream;
 };
 
-// Wall-clock text "YYYY-MM-DD hh:mm:ss.mmm" in local time, for the moment given or now.
-std::string TimeStampText(std::chrono::system_clock::time_point when = std::chrono::system_clock::now());
-
 }  // namespace Common

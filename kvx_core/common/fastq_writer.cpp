@@ -206,24 +206,4 @@ void FastqWriter::Finalize(std::size_t worker) {
     files.open = false;
 }
 
-void LoadReadIdWhitelist(const std::string& path, std::unordered_set<std::string>& ids) {
-    std::ifstream in(path);
-    if (!in.is_open()) {
-        throw std::runtime_error("Could not load readIdWhitelist file: '" + path + "'");
-    }
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        if (line.empty()) {
-            continue;
-        }
-        if (line.find(' ') != std::string::npos) {
-            KVX_LOG(warning) << "read_id is invalid as it contains a space " << line;
-            continue;
-        }
-        ids.insert(line);
-    }
-}
-
 }  // namespace Common

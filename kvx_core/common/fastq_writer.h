@@ -106,9 +106,4 @@ private:
     bool compress;
 };
 
-// Adds the read ids listed in a text file, one per line, to `ids`. Empty lines are skipped; an id
-// holding a space is logged and skipped. A file that does not open throws "Could not load
-// readIdWhitelist file: '<path>'".
-void LoadReadIdWhitelist(const std::string& path, std::unordered_set<std::string>& ids);
-
 }  // namespace Common

@@ -168,26 +168,6 @@ struct MatView {
         return sub;
     }
 
-    // Copies element by element into dst, running the inner loop along dst's unit-stride dimension.
-    void copyTo(const MatView<std::remove_const_t<T>>& dst) const {
-        if (dst.rows != rows || dst.cols != cols) {
-            throw std::runtime_error("MatView sizes don't match.");
-        }
-        if (dst.colStride == 1 || dst.rowStride != 1) {
-            for (std::uint64_t r = 0; r < rows; ++r) {
-                for (std::uint64_t c = 0; c < cols; ++c) {
-                    dst(r, c) = (*this)(r, c);
-                }
-            }
-        } else {
-            for (std::uint64_t c = 0; c < cols; ++c) {
-                for (std::uint64_t r = 0; r < rows; ++r) {
-                    dst(r, c) = (*this)(r, c);
-                }
-            }
-        }
-    }
-
 private:
     // Lowest and highest element address of an r x c matrix at p.
     static std::pair<const T*, const T*> span(const T* p, std::uint64_t r, std::uint64_t c, std::int64_t rs,
@@ -206,12 +186,6 @@ private:
         return {lo, hi};
     }
 };
-
-// Copies src into dst (same shape), the free-function form used by the layers.
-template <typename T>
-void copyMatrix(const MatView<T>& src, const MatView<std::remove_const_t<T>>& dst) {
-    src.copyTo(dst);
-}
 
 template <typename T>
 std::ostream& operator<<(std::ostream& os, const VecView<T>& v) {

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -12,6 +10,7 @@
 #include "test_support.h"
 
 using Common::Parameters;
+using TestSupport::ErrorOf;
 using TestSupport::TempDir;
 
 namespace {
@@ -32,35 +31,22 @@ public:
         AddIgnoredOption("ignored");
     }
     bool ValidateParams() override { return valid; }
+    using Parameters::AddOption;
+    using Parameters::default_config;
+    using Parameters::help_header;
 
-    void SetDefaultConfig(const std::string& name) { default_config = name; }
-    void SetHelpHeader(const std::string& text) { help_header = text; }
-
-    template <typename T>
-    void Declare(const std::string& name, T& member, unsigned mode) {
-        AddOption(name, "test", member, mode);
-    }
-
-    std::string name = "ctor";
+    std::string name = "ctor", cmd_only, needed = "n", needed_anywhere = "n";
     std::uint64_t count = 7;
     float scale = 1.5f;
     int offset = -3;
-    bool enabled = true;
-    bool flag = false;
-    std::string cmd_only;
-    std::string needed = "n";
-    std::string needed_anywhere = "n";
-    bool valid = true;
+    bool enabled = true, flag = false, valid = true;
 };
 
-std::uint32_t Parse(TestParams& params, std::vector<std::string> args, std::istream* stream = nullptr,
-                    const std::string& config_name = "") {
+std::uint32_t Parse(TestParams& params, std::vector<std::string> args, std::istream* stream = nullptr) {
     args.insert(args.begin(), "prog");
     std::vector<const char*> argv;
-    for (const auto& arg : args) {
-        argv.push_back(arg.c_str());
-    }
-    return params.ParseArguments(stream, config_name, static_cast<int>(argv.size()), argv.data(), "");
+    for (const auto& arg : args) argv.push_back(arg.c_str());
+    return params.ParseArguments(stream, "", static_cast<int>(argv.size()), argv.data(), "");
 }
 
 const std::vector<std::string> kRequired = {"--needed", "x", "--needed_anywhere", "y"};
@@ -72,40 +58,37 @@ std::vector<std::string> With(std::vector<std::string> args) {
 
 }  // namespace
 
+// The printed values of the named options (and of the data path), joined by spaces.
+std::string Values(const TestParams& params, const std::string& names) {
+    std::istringstream in(names);
+    std::string out;
+    for (std::string name; in >> name;) {
+        out += (out.empty() ? "" : " ") + (name == "data_path" ? params.data_path : params.PrintOption(name));
+    }
+    return out;
+}
+
 // One parse per row: the configuration text (none when null), the command line, and what comes out.
 // An expected error ending in "..." is compared as a prefix (the rest is the library's own text).
 TEST(Parameters, ParseOutcomesAndTheirTexts) {
     using P = Parameters;
     const std::string missing_both = "Missing required option 'needed'.\nMissing required option 'needed_anywhere'.\n";
+    const std::string default_data = (Common::ExecutableDirectory().parent_path() / "data").string();
     const struct {
         const char* name;
         const char* config;
         std::vector<std::string> args;
         std::uint32_t flags;
-        std::string error, message;
-        std::function<void(const TestParams&)> check;
+        std::string error, message, options, values;
     } cases[] = {
         {"command line, then file, then constructor", "name = from_file\ncount = 11\nscale = 2.5\noffset = 9\n",
-         With({"--count", "12"}), 0, "", "",
-         [](const TestParams& p) {
-             EXPECT_EQ(p.name, "from_file");
-             EXPECT_EQ(p.count, 12u);
-             EXPECT_FLOAT_EQ(p.scale, 2.5f);
-             EXPECT_EQ(p.offset, 9);
-             EXPECT_TRUE(p.enabled);  // untouched by both: constructor value
-             EXPECT_FALSE(p.flag);
-         }},
+         With({"--count", "12"}), 0, "", "", "name count scale offset enabled switch", "from_file 12 2.500000 9 1 0"},
         {"flags, bool values and short names", nullptr, With({"-w", "--enabled", "false", "-n", "short"}), 0, "", "",
-         [](const TestParams& p) {
-             EXPECT_TRUE(p.flag);
-             EXPECT_FALSE(p.enabled);
-             EXPECT_EQ(p.name, "short");
-         }},
-        {"required options missing, in key order", nullptr, {"--count", "3"}, P::ParseFailed, missing_both, "", nullptr},
+         "switch enabled name", "1 0 short"},
+        {"required options missing, in key order", nullptr, {"--count", "3"}, P::ParseFailed, missing_both, "", "", ""},
         {"a required option counts in the config only where declared for it", "needed = a\nneeded_anywhere = b\n",
          {"--count", "3"}, P::ParseFailed | P::UnexpectedOption, "Missing required option 'needed'.\n",
-         "Unexpected option 'needed' found in configuration file.\n",
-         [](const TestParams& p) { EXPECT_EQ(p.needed_anywhere, "b"); }},
+         "Unexpected option 'needed' found in configuration file.\n", "needed_anywhere", "b"},
         {"unexpected options are notices in both sources",
          "bogus = 1\nswitch = 1\ncmd_only = z\nignored = 4\n[sec]\nkey = 2\n",
          With({"--unknown", "5", "--other=1", "-y"}), P::UnexpectedOption, "",
@@ -115,36 +98,26 @@ TEST(Parameters, ParseOutcomesAndTheirTexts) {
          "Unexpected option 'sec.key' found in configuration file.\n"
          "Unexpected option 'unknown' found on command line.\n"
          "Unexpected option 'other' found on command line.\n"
-         "Unexpected option '-y' found on command line.\n",
-         [](const TestParams& p) { EXPECT_TRUE(p.cmd_only.empty()); }},
+         "Unexpected option '-y' found on command line.\n", "cmd_only", ""},
         {"a config-only option is unknown on the command line", nullptr, With({"--offset", "4"}), P::UnexpectedOption,
-         "", "Unexpected option 'offset' found on command line.\n",
-         [](const TestParams& p) { EXPECT_EQ(p.offset, -3); }},
+         "", "Unexpected option 'offset' found on command line.\n", "offset", "-3"},
         {"config syntax", "name\n", With({}), P::SyntaxError,
-         "Error parsing config file: 'the options configuration file contains an invalid line 'name''.\n", "", nullptr},
-        {"config value", "count = many\n", With({}), P::ProcessError, "Error processing config file: '...", "",
-         [](const TestParams& p) { EXPECT_EQ(p.count, 7u); }},
+         "Error parsing config file: 'the options configuration file contains an invalid line 'name''.\n", "", "", ""},
+        {"config value", "count = many\n", With({}), P::ProcessError, "Error processing config file: '...", "", "count", "7"},
         // A failed store marks nothing as seen, so the required options are reported missing too.
         {"command-line value", nullptr, With({"--count", "many"}), P::ProcessError | P::ParseFailed,
-         "Error processing command line: 'the argument ('many') for option '--count' is invalid'.\n" + missing_both,
-         "", nullptr},
+         "Error processing command line: 'the argument ('many') for option '--count' is invalid'.\n" + missing_both, "", "", ""},
         // --config last has no value: the scan ignores it and the library reports the syntax.
         {"--config without a value", nullptr, {"--needed", "x", "--needed_anywhere", "y", "--config"},
          P::SyntaxError | P::ParseFailed,
-         "Error parsing command line: 'the required argument for option '--config' is missing'.\n" + missing_both, "",
-         nullptr},
+         "Error parsing command line: 'the required argument for option '--config' is missing'.\n" + missing_both, "", "", ""},
         // -d twice: the scan takes the first, the library rejects the repetition.
         {"data path twice", nullptr, With({"-d", "/first", "-d", "/second"}), P::ProcessError | P::ParseFailed,
-         "Error processing command line: 'option '--data_path' cannot be specified more than once'.\n...", "",
-         [](const TestParams& p) { EXPECT_EQ(p.data_path, "/first"); }},
+         "Error processing command line: 'option '--data_path' cannot be specified more than once'.\n...", "", "data_path", "/first"},
         // The equals form is not seen ahead of the parse, but the member holds it afterwards.
-        {"data path in the equals form", nullptr, With({"--data_path=/elsewhere"}), 0, "", "",
-         [](const TestParams& p) { EXPECT_EQ(p.data_path, "/elsewhere"); }},
-        {"no data path", nullptr, With({}), 0, "", "",
-         [](const TestParams& p) {
-             EXPECT_EQ(p.data_path, (Common::ExecutableDirectory().parent_path() / "data").string());
-         }},
-        {"version", nullptr, With({"--version"}), P::VersionRequested, "", "Version requested.\n", nullptr},
+        {"data path in the equals form", nullptr, With({"--data_path=/elsewhere"}), 0, "", "", "data_path", "/elsewhere"},
+        {"no data path", nullptr, With({}), 0, "", "", "data_path", default_data},
+        {"version", nullptr, With({"--version"}), P::VersionRequested, "", "Version requested.\n", "", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -158,7 +131,7 @@ TEST(Parameters, ParseOutcomesAndTheirTexts) {
             EXPECT_EQ(error, c.error);
         }
         EXPECT_EQ(params.MessageText(), c.message);
-        if (c.check) c.check(params);
+        EXPECT_EQ(Values(params, c.options), c.values);
     }
 }
 
@@ -168,40 +141,32 @@ TEST(Parameters, ConfigFileLookup) {
     dir.File("b.cfg", "count = 99\n");
     dir.File("default.cfg", "scale = 4.25\n");
     const auto missing = (dir.path / "none.cfg").string();
-    const std::string data = dir.path.string();
+    const std::string data = dir.Str();
     const struct {
-        const char* name;
         std::vector<std::string> args;
-        const char* default_config;
         std::uint32_t flags;
-        std::string error, config_file;
-        std::function<void(const TestParams&)> check;
+        std::string error, config_file, options, values, default_config = "";
     } cases[] = {
-        {"named with --config", With({"--config", file}), "", 0, "", file,
-         [](const TestParams& p) { EXPECT_EQ(p.name, "from_file"); }},
+        {With({"--config", file}), 0, "", file, "name", "from_file"},
         // The equals form is invisible to the scan: the file is not read, yet its name is kept.
-        {"named with --config=", With({"--config=" + file}), "", 0, "", file,
-         [](const TestParams& p) { EXPECT_EQ(p.name, "ctor"); }},
-        {"a bare name is looked up in the data path", With({"-d", data, "-c", "b.cfg"}), "", 0, "",
-         (dir.path / "b.cfg").string(), [&](const TestParams& p) {
-             EXPECT_EQ(p.count, 99u);
-             EXPECT_EQ(p.data_path, data);
-         }},
-        {"the default when none is named", With({"-d", data}), "default.cfg", 0, "",
-         (dir.path / "default.cfg").string(), [](const TestParams& p) { EXPECT_FLOAT_EQ(p.scale, 4.25f); }},
-        {"a missing file is reported and still opened", With({"--config", missing}), "",
-         Parameters::ParseFailed | Parameters::ConfigReadError,
+        {With({"--config=" + file}), 0, "", file, "name", "ctor"},
+        // A bare name is looked up in the data path.
+        {With({"-d", data, "-c", "b.cfg"}), 0, "", data + "/b.cfg", "count data_path", "99 " + data},
+        // The program's default file, when none is named, is looked up there too.
+        {With({"-d", data}), 0, "", data + "/default.cfg", "scale", "4.250000", "default.cfg"},
+        // A missing file is reported and still opened.
+        {With({"--config", missing}), Parameters::ParseFailed | Parameters::ConfigReadError,
          "Config file: " + missing + " does not exist!\nError reading config file: 'can not read options "
-         "configuration file '" + missing + "''.\n", missing, nullptr},
+         "configuration file '" + missing + "''.\n", missing, "", ""},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.args[1]);
         TestParams params;
-        params.SetDefaultConfig(c.default_config);
+        params.default_config = c.default_config;
         EXPECT_EQ(Parse(params, c.args), c.flags);
         EXPECT_EQ(params.ErrorText(), c.error);
         EXPECT_EQ(params.config_file, c.config_file);
-        if (c.check) c.check(params);
+        EXPECT_EQ(Values(params, c.options), c.values);
     }
     // No arguments at all: nothing is parsed, required options are missing, no help; the data path
     // takes the subfolder.
@@ -210,88 +175,40 @@ TEST(Parameters, ConfigFileLookup) {
     EXPECT_EQ(params.data_path, (Common::ExecutableDirectory().parent_path() / "data" / "sub").string());
 }
 
-TEST(Parameters, BareProgramNameShowsTheCommandLineHelp) {
+TEST(Parameters, HelpValidationAndDeclarationRules) {
+    // The bare program name shows the command-line help, without the configuration-only options.
     std::istringstream config("name = x\n");
     TestParams params;
-    params.SetHelpHeader("Usage: prog\n");
-    const auto flags = Parse(params, {}, &config);
-    EXPECT_TRUE(flags & Parameters::HelpRequested);
-    EXPECT_TRUE(flags & Parameters::ParseFailed);
+    params.help_header = "Usage: prog\n";
+    EXPECT_EQ(Parse(params, {}, &config), std::uint32_t(Parameters::HelpRequested | Parameters::ParseFailed));
     EXPECT_EQ(params.MessageText().rfind("Usage: prog\nCommand line parameters:\n", 0), 0u);
     EXPECT_NE(params.MessageText().find("--needed arg"), std::string::npos);
-    // Configuration-only options are not part of the command-line help.
     EXPECT_EQ(params.MessageText().find("--offset"), std::string::npos);
     EXPECT_EQ(params.name, "x");
-}
 
-TEST(Parameters, ValidateParamsFailureOnlySetsTheFlag) {
-    TestParams params;
-    params.valid = false;
-    EXPECT_EQ(params.GetFlags(), static_cast<std::uint32_t>(Parameters::NotParsed));
-    const auto flags = Parse(params, With({}));
-    EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed));
-    EXPECT_TRUE(params.ErrorText().empty());
-}
+    TestParams invalid;
+    invalid.valid = false;
+    EXPECT_EQ(Parse(invalid, With({})), static_cast<std::uint32_t>(Parameters::ParseFailed));
+    EXPECT_TRUE(invalid.ErrorText().empty());
 
-TEST(Parameters, FlagDeclarationRules) {
-    TestParams params;
     std::string text;
     bool value = false;
-    try {
-        params.Declare("bad_flag", text, Parameters::Flag);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Flag options must have a storage type of bool.");
-    }
-    try {
-        params.Declare("bad_flag2", value, Parameters::Flag | Parameters::Config);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Flag options cannot also be configuration options.");
-    }
+    EXPECT_EQ(ErrorOf([&] { params.AddOption("bad_flag", "test", text, Parameters::Flag); }),
+              "Flag options must have a storage type of bool.");
+    EXPECT_EQ(ErrorOf([&] { params.AddOption("bad_flag2", "test", value, Parameters::Flag | Parameters::Config); }),
+              "Flag options cannot also be configuration options.");
 }
 
-TEST(Parameters, ReadConfigFileThenCommandLineOnTop) {
-    TempDir dir;
-    const auto file = dir.File("w.cfg", "name = file_name\ncount = 5\nunknown_key = 1\n");
-    TestParams params;
-    Parse(params, With({"--count", "8"}));
-    const std::vector<const char*> argv = {"prog", "--count", "8"};
-    params.ReadConfigFile(file, 3, argv.data());
-    EXPECT_EQ(params.name, "file_name");
-    EXPECT_EQ(params.count, 8u);
-    EXPECT_EQ(params.config_file, file);
-    // A file that cannot be opened reads as empty.
-    params.ReadConfigFile((dir.path / "missing.cfg").string(), 0, nullptr);
-    EXPECT_EQ(params.name, "file_name");
-}
-
+// The saved text: comment lines, then each configuration option (or every option) as printed.
 TEST(Parameters, SaveConfigWritesPrintedValues) {
     TempDir dir;
     TestParams params;
     Parse(params, With({"-w"}));
     const auto path = (dir.path / "saved.cfg").string();
     params.SaveConfig(path, {"first", "second"}, false);
-    std::ifstream in(path);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(text,
-              "# first\n# second\n\n"
-              "name\t\t=\tctor\ncount\t\t=\t7\nscale\t\t=\t1.500000\noffset\t\t=\t-3\nenabled\t\t=\t1\n"
-              "needed_anywhere\t\t=\ty\n");
-
+    EXPECT_EQ(TestSupport::ReadText(path), "# first\n# second\n\nname\t\t=\tctor\ncount\t\t=\t7\nscale\t\t=\t1.500000\n"
+                                           "offset\t\t=\t-3\nenabled\t\t=\t1\nneeded_anywhere\t\t=\ty\n");
     params.SaveConfig(path, {}, true);
-    std::ifstream in_all(path);
-    const std::string all((std::istreambuf_iterator<char>(in_all)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(all.rfind("name\t\t=\tctor\n", 0), 0u);
-    EXPECT_NE(all.find("switch\t\t=\t1\n"), std::string::npos);
-    EXPECT_NE(all.find("needed\t\t=\tx\n"), std::string::npos);
-
-    // A saved configuration reads back into a fresh set.
-    params.SaveConfig(path, {"round trip"}, false);
-    std::ifstream saved(path);
-    TestParams again;
-    const auto flags = Parse(again, With({}), &saved);
-    EXPECT_EQ(flags, 0u) << again.ErrorText() << again.MessageText();
-    EXPECT_EQ(again.offset, -3);
-    EXPECT_FLOAT_EQ(again.scale, 1.5f);
+    EXPECT_EQ(TestSupport::ReadText(path), "name\t\t=\tctor\ncount\t\t=\t7\nscale\t\t=\t1.500000\noffset\t\t=\t-3\nenabled\t\t=\t1\n"
+                                           "switch\t\t=\t1\ncmd_only\t\t=\t\nneeded\t\t=\tx\nneeded_anywhere\t\t=\ty\n");
 }

@@ -3,6 +3,8 @@
 #include <hdf5.h>
 
 #include <cstring>
+#include <functional>
+#include <sstream>
 #include <numeric>
 #include <vector>
 
@@ -13,20 +15,21 @@
 
 using namespace DataAPI;
 using namespace DataAPI::H5Wrapper;
+using kvx_test::AttributeTexts;
 using kvx_test::Fixture;
 using kvx_test::Scratch;
-using kvx_test::AttributeTexts;
-using kvx_test::Thrown;
+using TestSupport::ErrorOf;
+using Dims = std::vector<hsize_t>;
 
 namespace {
 
-std::vector<hsize_t> chunkShape(H5Dataset* ds) {
+Dims chunkShape(H5Dataset* ds) {
     std::lock_guard<std::mutex> lock(h5Mutex);
     hid_t plist = H5Dget_create_plist(ds->Id());
     hsize_t dims[2] = {0, 0};
     const int rank = H5Pget_chunk(plist, 2, dims);
     H5Pclose(plist);
-    return std::vector<hsize_t>(dims, dims + std::max(rank, 0));
+    return Dims(dims, dims + std::max(rank, 0));
 }
 
 hsize_t storageSize(H5Dataset* ds) {
@@ -35,111 +38,55 @@ hsize_t storageSize(H5Dataset* ds) {
 }
 
 template <typename T>
-T attr(const AttributeMap& m, const std::string& name) {
-    return boost::any_cast<T>(m.at(name));
+std::vector<T> iota(std::size_t n, T from) {
+    std::vector<T> v(n);
+    std::iota(v.begin(), v.end(), from);
+    return v;
 }
 
 }  // namespace
 
-TEST(H5Wrapper, FormatsOfDataSetsFromAnotherWriter) {
+// Formats as "type count item_size rows cols". Kinds the layer cannot read (3-D, nested, half floats)
+// are Unknown but keep count and size. Packed compound members get aligned in-memory offsets; the
+// record rounds up to 8 bytes.
+TEST(H5Wrapper, ReadsDataSetsAndAttributesFromAnotherWriter) {
     H5File file(Fixture("types.h5"), H5Mode::ReadOnly);
-    EXPECT_EQ(file.Mode(), H5Mode::ReadOnly);
-
-    const DataFormat scalar = file.OpenDataset("scalar_int")->Format();
-    EXPECT_EQ(scalar.type, DataType::Int32);
-    EXPECT_EQ(scalar.count, 1u);
-    EXPECT_EQ(scalar.item_size, 4u);
-    EXPECT_EQ(scalar.rows, 0u);
-    EXPECT_EQ(scalar.cols, 0u);
-
-    const DataFormat matrix = file.OpenDataset("matrix")->Format();
-    EXPECT_EQ(matrix.type, DataType::Float);
-    EXPECT_EQ(matrix.count, 12u);
-    EXPECT_EQ(matrix.rows, 3u);
-    EXPECT_EQ(matrix.cols, 4u);
-
-    EXPECT_EQ(file.OpenDataset("cube")->Format().type, DataType::Unknown);
-    EXPECT_EQ(file.OpenDataset("nested_table")->Format().type, DataType::Unknown);
-    // An element kind the layer cannot read still tells how many elements of what size there are.
-    const DataFormat half = file.OpenDataset("half_floats")->Format();
-    EXPECT_EQ(half.type, DataType::Unknown);
-    EXPECT_EQ(half.count, 5u);
-    EXPECT_EQ(half.item_size, 2u);
-
-    const DataFormat fixed = file.OpenDataset("fixed_strings")->Format();
-    EXPECT_EQ(fixed.type, DataType::FixedString);
-    EXPECT_EQ(fixed.count, 2u);
-    EXPECT_EQ(fixed.item_size, 3u);
-    EXPECT_EQ(file.OpenDataset("fixed_scalar")->Format().type, DataType::String);
-    EXPECT_EQ(file.OpenDataset("text")->Format().type, DataType::String);
-
-    // Packed compound members get aligned in-memory offsets; the record rounds up to 8 bytes.
-    const DataFormat events = file.OpenDataset("events")->Format();
-    ASSERT_EQ(events.type, DataType::Table);
-    EXPECT_EQ(events.count, 5u);
-    EXPECT_EQ(events.item_size, 32u);
-    const std::vector<TableField> expected = {{"start", DataType::UInt64, 8, 0},
-                                              {"length", DataType::UInt32, 4, 8},
-                                              {"mean", DataType::Float, 4, 12},
-                                              {"model_state", DataType::FixedString, 5, 16},
-                                              {"move", DataType::Int32, 4, 24}};
-    EXPECT_EQ(events.fields, expected);
-}
-
-TEST(H5Wrapper, ReadsDataSetsFromAnotherWriter) {
-    H5File file(Fixture("types.h5"), H5Mode::ReadOnly);
-
-    H5Dataset* matrix = file.OpenDataset("matrix");
-    std::vector<float> values(12);
-    DataView view = DataView::Matrix(values.data(), 3, 4);
-    ASSERT_TRUE(matrix->Read(view));
-    EXPECT_EQ(values[11], 11.0f);
-    // Every view but a string view must match exactly.
-    DataView flat = DataView::Of(values.data(), values.size());
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { matrix->Read(flat); }),
-              "Data to be read does not match format of dataset.");
-    std::string text;
-    DataView string_view = DataView::OfString(text);
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { matrix->Read(string_view); }),
-              "Data to be read does not match format of dataset.");
+    const std::map<std::string, std::string> formats = {
+        {"scalar_int", "Int32 1 4 0 0"}, {"matrix", "Float 12 4 3 4"}, {"half_floats", "Unknown 5 2 0 0"},
+        {"fixed_strings", "FixedString 2 3 0 0"}, {"events", "Table 5 32 0 0"}, {"cube", "Unknown"}, {"nested_table", "Unknown"},
+        {"text", "String"}, {"fixed_scalar", "String"}};
+    for (const auto& [name, expected] : formats) {
+        const DataFormat f = file.OpenDataset(name)->Format();
+        std::ostringstream text;
+        text << DataTypeName(f.type) << " " << f.count << " " << f.item_size << " " << f.rows << " " << f.cols;
+        EXPECT_EQ(text.str().substr(0, expected.size()), expected) << name;
+    }
+    const std::vector<TableField> fields = {{"start", DataType::UInt64, 8, 0}, {"length", DataType::UInt32, 4, 8},
+                                            {"mean", DataType::Float, 4, 12}, {"model_state", DataType::FixedString, 5, 16},
+                                            {"move", DataType::Int32, 4, 24}};
+    EXPECT_EQ(file.OpenDataset("events")->Format().fields, fields);
 
     // String views adapt to the length of the data set; fixed-length text is cut at its first zero.
+    std::string text;
+    DataView string_view = DataView::OfString(text);
     ASSERT_TRUE(file.OpenDataset("fixed_scalar")->Read(string_view));
     EXPECT_EQ(text, "hello");
     EXPECT_EQ(string_view.format.item_size, 5u);
     ASSERT_TRUE(file.OpenDataset("text")->Read(string_view));
     EXPECT_EQ(text, "variable text");
     EXPECT_EQ(static_cast<const char*>(string_view.data), text.data());
-
-    H5Dataset* fixed_text = file.OpenDataset("text");
     DataView no_string;
-    no_string.format = fixed_text->Format();
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { fixed_text->Read(no_string); }), "Data does not view string data.");
-
+    no_string.format = file.OpenDataset("text")->Format();
+    EXPECT_EQ(ErrorOf([&] { file.OpenDataset("text")->Read(no_string); }), "Data does not view string data.");
     // Fixed-width arrays are read space-padded into their memory width.
     char packed[6];
     DataView strings = DataView::OfFixedStrings(packed, 3, 2);
     ASSERT_TRUE(file.OpenDataset("fixed_strings")->Read(strings));
     EXPECT_EQ(std::string(packed, 6), "ab cde");
-
-    // Tables convert member by member by name into the aligned records.
-    H5Dataset* events = file.OpenDataset("events");
-    DataTable table = DataTable::FromFormat(events->Format());
-    DataView table_view = table.View();
-    ASSERT_TRUE(events->Read(table_view));
-    EXPECT_EQ(table.Get<std::uint64_t>(3, "start"), 30u);
-    EXPECT_EQ(table.Get<float>(4, "mean"), 82.0f);
-    EXPECT_EQ(table.GetString(2, "model_state"), "GTACG");
-    EXPECT_EQ(table.Get<std::int32_t>(2, "move"), 2);
-
-    // A three-dimensional data set stays Unknown; the only matching view is an empty one.
-    DataView unknown;
+    DataView unknown;  // the only view that matches an Unknown data set is an empty one
     EXPECT_FALSE(file.OpenDataset("cube")->Read(unknown));
-}
 
-TEST(H5Wrapper, AttributesFromAnotherWriter) {
-    H5File file(Fixture("types.h5"), H5Mode::ReadOnly);
-    // Undecodable values are warnings, not failures.
+    // Undecodable attribute values are warnings, not failures.
     const std::map<std::string, std::string> expected = {
         {"vlen", "text:variable"}, {"fixed", "text:fixed"}, {"i8", "i8:-8"}, {"u8", "u8:200"}, {"i16", "i16:-16"},
         {"u16", "u16:60000"}, {"i32", "i32:-32"}, {"u32", "u32:4000000000"}, {"i64", "i64:-64"},
@@ -149,62 +96,36 @@ TEST(H5Wrapper, AttributesFromAnotherWriter) {
         {"half", "text:Warning, floating-point size of 2 not supported."},
         {"flag", "text:Warning, attribute is of unsupported type."}};
     EXPECT_EQ(AttributeTexts(file.OpenGroup("attrs")->GetAttributes()), expected);
-
-    // More attributes than compact storage holds are all found.
-    H5File multi(Fixture("multi.rawh5"), H5Mode::ReadOnly);
-    const AttributeMap tags = multi.OpenGroup("read_read-one/context_tags")->GetAttributes();
-    EXPECT_EQ(tags.size(), 14u);
-    EXPECT_EQ(attr<short>(tags, "extra_09"), 9);
 }
 
-TEST(H5Wrapper, FailuresOfFilesAndModes) {
-    const std::string missing = Scratch().File("does_not_exist.h5");
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { H5File f(missing, H5Mode::ReadOnly); }),
-              "Could not open file \"" + missing + "\".");
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { H5File f(Fixture("types.h5"), H5Mode::CreateExclusive); }),
-              "Could not create file \"" + Fixture("types.h5") + "\".");
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { H5File f(missing, static_cast<H5Mode>(9)); }),
-              "Unknown value of mode parameter for H5File constructor.");
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { H5File f(missing, H5Mode::Closed); }),
-              "Unknown value of mode parameter for H5File constructor.");
-
-    H5File created(Scratch().File("modes.h5"), H5Mode::CreateTruncate);
-    EXPECT_EQ(created.Mode(), H5Mode::ReadWrite);
-    EXPECT_EQ(created.CreateGroup("g")->Mode(), H5Mode::ReadWrite);
-}
-
-TEST(H5Wrapper, ReadOnlyAndClosedObjectsRefuseWithTheirMessages) {
-    H5File file(Fixture("types.h5"), H5Mode::ReadOnly);
-    H5Group* group = file.OpenGroup("attrs");
-    ASSERT_NE(group, nullptr);
-    EXPECT_EQ(group->Mode(), H5Mode::ReadOnly);
-    std::vector<int> data(3);
-    const DataView view = DataView::Of(data);
-    using E = std::runtime_error;
-    EXPECT_EQ(Thrown<E>([&] { group->CreateGroup("x"); }), "Cannot create group in read-only mode.");
-    EXPECT_EQ(Thrown<E>([&] { group->SetAttributes({{"x", 1}}); }), "Cannot set attributes in read-only mode.");
-    EXPECT_EQ(Thrown<E>([&] { group->AddAttribute("x", 1); }), "Cannot add attribute in read-only mode.");
-    EXPECT_EQ(Thrown<E>([&] { group->CreateDataset("x", view); }), "Cannot create dataset in read-only mode.");
-
-    // The closed test comes first, even for a read-only object.
+// One row per refusal of a file, a read-only object or a closed one (a sample of the closed checks,
+// which share one test). A closed object reports that it is closed even when it is also read-only.
+TEST(H5Wrapper, RefusalsAndTheirMessages) {
+    const std::string missing = Scratch("does_not_exist.h5"), types = Fixture("types.h5");
+    H5File file(types, H5Mode::ReadOnly);
+    H5Group* ro = file.OpenGroup("attrs");
+    H5Group* closed = file.OpenGroup("attrs");
     H5Dataset* ds = file.OpenDataset("scalar_int");
-    group->Close();
+    EXPECT_EQ(ro->Mode(), H5Mode::ReadOnly);
+    closed->Close();
     ds->Close();
     ds->Close();  // closing twice is harmless
-    EXPECT_FALSE(group->IsOpen());
-    EXPECT_EQ(group->Mode(), H5Mode::Closed);
-    EXPECT_EQ(Thrown<E>([&] { group->GetAttributes(); }), "Cannot get attributes for invalid or closed object.");
-    EXPECT_EQ(Thrown<E>([&] { group->SetAttributes({}); }), "Cannot set attributes for invalid or closed object.");
-    EXPECT_EQ(Thrown<E>([&] { group->AddAttribute("x", 1); }), "Cannot add attribute to invalid or closed object.");
-    EXPECT_EQ(Thrown<E>([&] { group->ListGroups(); }), "Cannot list groups for invalid group or file object.");
-    EXPECT_EQ(Thrown<E>([&] { group->ListDatasets(); }), "Cannot list datasets for invalid group or file object.");
-    EXPECT_EQ(Thrown<E>([&] { group->OpenGroup("x"); }), "Cannot open group for invalid group or file object.");
-    EXPECT_EQ(Thrown<E>([&] { group->CreateGroup("x"); }), "Cannot create group for invalid group or file object.");
-    EXPECT_EQ(Thrown<E>([&] { group->OpenDataset("x"); }), "Cannot open dataset in invalid group or file object.");
-    EXPECT_EQ(Thrown<E>([&] { group->CreateDataset("x", view); }), "Cannot create dataset in invalid or closed object.");
+    EXPECT_EQ(closed->Mode(), H5Mode::Closed);
+    std::vector<int> data(3);
+    const DataView view = DataView::Of(data);
     DataView target = DataView::Of(data.data(), 1);
-    EXPECT_EQ(Thrown<E>([&] { ds->Read(target); }), "Cannot read data from an invalid or closed object.");
-    EXPECT_FALSE(group->Exists("anything"));
+    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+        {[&] { H5File f(missing, H5Mode::ReadOnly); }, "Could not open file \"" + missing + "\"."},
+        {[&] { H5File f(types, H5Mode::CreateExclusive); }, "Could not create file \"" + types + "\"."},
+        {[&] { H5File f(missing, H5Mode::Closed); }, "Unknown value of mode parameter for H5File constructor."},
+        {[&] { ro->CreateGroup("x"); }, "Cannot create group in read-only mode."},
+        {[&] { ro->CreateDataset("x", view); }, "Cannot create dataset in read-only mode."},
+        {[&] { closed->GetAttributes(); }, "Cannot get attributes for invalid or closed object."},
+        {[&] { closed->OpenGroup("x"); }, "Cannot open group for invalid group or file object."},
+        {[&] { ds->Read(target); }, "Cannot read data from an invalid or closed object."},
+    };
+    for (const auto& [action, message] : cases) EXPECT_EQ(ErrorOf(action), message);
+    EXPECT_FALSE(closed->Exists("anything"));
 }
 
 TEST(H5Wrapper, ExistsNeverPrintsWhateverHandlerIsInstalled) {
@@ -217,7 +138,6 @@ TEST(H5Wrapper, ExistsNeverPrintsWhateverHandlerIsInstalled) {
     EXPECT_FALSE(file.Exists("nothing_here"));
     EXPECT_FALSE(file.Exists("attrs/deeper/still"));
     EXPECT_TRUE(file.Exists("attrs"));
-    EXPECT_TRUE(file.Exists("matrix"));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     std::lock_guard<std::mutex> lock(h5Mutex);
     H5E_auto2_t handler = nullptr;
@@ -228,145 +148,84 @@ TEST(H5Wrapper, ExistsNeverPrintsWhateverHandlerIsInstalled) {
 }
 
 TEST(H5Wrapper, ListingsAndOwnedChildren) {
-    H5File file(Scratch().File("listing.h5"), H5Mode::CreateTruncate);
-    ASSERT_NE(file.CreateGroup("b"), nullptr);
-    ASSERT_NE(file.CreateGroup("a"), nullptr);
+    H5File file(Scratch("listing.h5"), H5Mode::CreateTruncate);
+    EXPECT_EQ(file.Mode(), H5Mode::ReadWrite);
     std::vector<std::int8_t> bytes = {1, 2};
-    ASSERT_NE(file.CreateDataset("d2", DataView::Of(bytes)), nullptr);
-    ASSERT_NE(file.CreateDataset("d1", DataView::Of(bytes)), nullptr);
-    ASSERT_NE(file.CreateGroup("a/inner"), nullptr);
+    for (const char* g : {"b", "a", "a/inner"}) ASSERT_NE(file.CreateGroup(g), nullptr);
+    for (const char* d : {"d2", "d1"}) ASSERT_NE(file.CreateDataset(d, DataView::Of(bytes)), nullptr);
     EXPECT_EQ(file.ListGroups(), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(file.ListDatasets(), (std::vector<std::string>{"d1", "d2"}));
-
     // Failures of the library come back as null pointers.
     EXPECT_EQ(file.CreateGroup("a"), nullptr);
     EXPECT_EQ(file.OpenGroup("zzz"), nullptr);
     EXPECT_EQ(file.OpenDataset("a"), nullptr);
     EXPECT_EQ(file.CreateDataset("d1", DataView::Of(bytes)), nullptr);
-
     // Two opens of one name are two children; closing one leaves the other usable.
     H5Group* first = file.OpenGroup("a");
     H5Group* second = file.OpenGroup("a");
     ASSERT_NE(first, second);
     first->Close();
     EXPECT_EQ(second->ListGroups(), (std::vector<std::string>{"inner"}));
-}
 
-TEST(H5Wrapper, AttributeRoundTripOfEveryKind) {
-    H5File file(Scratch().File("attributes.h5"), H5Mode::CreateTruncate);
-    H5Group* group = file.CreateGroup("g", {{"from_create", std::string("yes")}});
-    AttributeMap all = {{"sc", (signed char)-3},   {"uc", (unsigned char)250}, {"s", (short)-300},
-                        {"us", (unsigned short)65000}, {"i", -70000},             {"ui", 4000000000u},
-                        {"l", -(1l << 40)},        {"ul", (1ul << 63)},        {"f", 1.5f},
-                        {"d", 2.25},               {"text", std::string("value")}};
-    group->SetAttributes(all);
+    // Attributes of every kind round-trip through read metadata (Rawh5RoundTrip); these are the odd ones.
+    H5Group* group = file.CreateGroup("g", {{"from_create", std::string("yes")}, {"text", std::string("value")}});
     group->AddAttribute("odd", true);                           // a kind the layer cannot store
     group->AddAttribute("text", std::string("second value"));  // existing names are kept
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { group->AddAttribute("empty", boost::any()); }),
-              "Something went wrong parsing attribute empty");
-
-    auto expected = AttributeTexts(all);
-    expected["from_create"] = "text:yes";
-    expected["odd"] = "text:W";  // only the first character of the placeholder text reaches the file
+    EXPECT_EQ(ErrorOf([&] { group->AddAttribute("empty", boost::any()); }), "Something went wrong parsing attribute empty");
+    // Only the first character of the placeholder text reaches the file.
+    const std::map<std::string, std::string> expected = {{"from_create", "text:yes"}, {"text", "text:value"}, {"odd", "text:W"}};
     EXPECT_EQ(AttributeTexts(group->GetAttributes()), expected);
 }
 
-TEST(H5Wrapper, CreatedDataSetsAreChunkedAndReadBack) {
-    H5File file(Scratch().File("datasets.h5"), H5Mode::CreateTruncate);
-
-    std::vector<std::int32_t> ints(3000);
-    std::iota(ints.begin(), ints.end(), -1000);
-    H5Dataset* flat = file.CreateDataset("flat", DataView::Of(ints));
-    ASSERT_NE(flat, nullptr);
-    EXPECT_EQ(chunkShape(flat), (std::vector<hsize_t>{1024}));
-    EXPECT_EQ(flat->Format().count, 3000u);
-
-    std::vector<std::uint16_t> grid(100 * 8);
-    std::iota(grid.begin(), grid.end(), 0);
-    H5Dataset* two = file.CreateDataset("grid", DataView::Matrix(grid.data(), 100, 8));
-    ASSERT_NE(two, nullptr);
-    EXPECT_EQ(chunkShape(two), (std::vector<hsize_t>{100, 8}));  // 128 rows, at most the row count
-    std::vector<std::uint16_t> narrow(700 * 3);
-    EXPECT_EQ(chunkShape(file.CreateDataset("narrow", DataView::Matrix(narrow.data(), 700, 3))),
-              (std::vector<hsize_t>{341, 3}));
-
-    std::vector<std::uint16_t> grid_back(grid.size());
-    DataView grid_view = DataView::Matrix(grid_back.data(), 100, 8);
-    ASSERT_TRUE(two->Read(grid_view));
-    EXPECT_EQ(grid_back, grid);
-
-    const std::string text = "a line\nand another";
-    H5Dataset* str = file.CreateDataset("text", DataView::OfString(text));
-    ASSERT_NE(str, nullptr);
-    EXPECT_EQ(str->Format().type, DataType::String);
-    EXPECT_EQ(str->Format().item_size, text.size() + 1);
-    std::string text_back;
-    DataView text_view = DataView::OfString(text_back);
-    ASSERT_TRUE(str->Read(text_view));
-    EXPECT_EQ(text_back, text);
-
-    const char packed[] = "ab\0cde";
-    H5Dataset* fixed = file.CreateDataset("fixed", DataView::OfFixedStrings(packed, 3, 2));
-    ASSERT_NE(fixed, nullptr);
-    EXPECT_EQ(fixed->Format().type, DataType::FixedString);
-
-    // Tables: aligned fields, record padded to 8 bytes, same format when opened again.
-    DataTable table;
-    table.AddField("id", DataType::Int32);
-    table.AddField("code", DataType::FixedString, 3);
-    table.AddField("value", DataType::Double);
-    table.Resize(4);
-    for (int r = 0; r < 4; ++r) {
-        table.Set<std::int32_t>(r, "id", r * 10);
-        table.SetString(r, "code", std::string(3, char('A' + r)));
-        table.Set<double>(r, "value", r / 4.0);
-    }
-    H5Dataset* records = file.CreateDataset("table", table.View());
-    ASSERT_NE(records, nullptr);
-    EXPECT_EQ(records->Format(), table.View().format);
-    DataTable back = DataTable::FromFormat(file.OpenDataset("table")->Format());
-    DataView back_view = back.View();
-    ASSERT_TRUE(file.OpenDataset("table")->Read(back_view));
-    EXPECT_EQ(back.buffer, table.buffer);
-    EXPECT_EQ(back.GetString(3, "code"), "DDD");
-}
-
-TEST(H5Wrapper, PreCompressedChunksAreWrittenAsIs) {
-    H5File file(Scratch().File("compressed.h5"), H5Mode::CreateTruncate);
-
-    // 2500 samples: two whole chunks of 1024 and a short one.
-    std::vector<std::int16_t> samples(2500);
+// Views written and read back, with the chunk shape each gets and, for pre-compressed chunks, the
+// stored size (written as they are, not compressed again). Text and tables are written by the
+// read-file round trip, which h5py checks.
+TEST(H5Wrapper, WrittenDataSetsReadBackWithTheirChunks) {
+    H5File file(Scratch("datasets.h5"), H5Mode::CreateTruncate);
+    const auto ints = iota<std::int32_t>(3000, -1000);
+    const auto grid = iota<std::uint16_t>(100 * 8, 0);
+    const auto narrow = iota<std::uint16_t>(700 * 3, 0);
+    const auto wide = iota<std::int32_t>(64 * 16, 0);
+    std::vector<std::int16_t> samples(2500), none;
     for (std::size_t i = 0; i < samples.size(); ++i) samples[i] = std::int16_t((i * 7919) % 30011 - 15000);
-    CompressedDataView packed(DataView::Of(samples), 2048, 1);
+    const CompressedDataView packed(DataView::Of(samples), 2048, 1);  // two whole chunks of 1024 and a short one
     EXPECT_EQ(packed.Chunks()->chunk_sizes.size(), 3u);
-    H5Dataset* signal = file.CreateDataset("signal", packed);
-    ASSERT_NE(signal, nullptr);
-    EXPECT_EQ(chunkShape(signal), (std::vector<hsize_t>{1024}));
-    EXPECT_EQ(storageSize(signal), packed.Chunks()->size);
-    std::vector<std::int16_t> back(samples.size());
-    DataView view = DataView::Of(back.data(), back.size());
-    ASSERT_TRUE(signal->Read(view));
-    EXPECT_EQ(back, samples);
-
-    // Two dimensions: a chunk covers whole rows.
-    std::vector<std::int32_t> grid(64 * 16);
-    std::iota(grid.begin(), grid.end(), 0);
-    CompressedDataView packed_grid(DataView::Matrix(grid.data(), 64, 16), 2048, 6);
-    H5Dataset* g = file.CreateDataset("grid", packed_grid);
-    ASSERT_NE(g, nullptr);
-    EXPECT_EQ(chunkShape(g), (std::vector<hsize_t>{32, 16}));
-    std::vector<std::int32_t> grid_back(grid.size());
-    DataView grid_view = DataView::Matrix(grid_back.data(), 64, 16);
-    ASSERT_TRUE(g->Read(grid_view));
-    EXPECT_EQ(grid_back, grid);
-
-    std::vector<std::int32_t> three(30 * 3);
-    EXPECT_EQ(Thrown<std::runtime_error>([&] { CompressedDataView v(DataView::Matrix(three.data(), 30, 3), 2048, 1); }),
+    const CompressedDataView packed_grid(DataView::Matrix(wide.data(), 64, 16), 2048, 6);  // whole rows
+    const CompressedDataView empty(DataView::Of(none), 2048, 1);
+    const char fixed[] = "ab cde";
+    const DataView flat = DataView::Of(ints), grid_view = DataView::Matrix(grid.data(), 100, 8),
+                   narrow_view = DataView::Matrix(narrow.data(), 700, 3), fixed_view = DataView::OfFixedStrings(fixed, 3, 2);
+    const struct {
+        const char* name;
+        const DataView* view;  // a pointer: a copy would lose the compressed chunks
+        Dims chunks;
+        std::uint64_t stored;  // 0: not checked
+    } cases[] = {
+        {"flat", &flat, {1024}, 0},
+        {"grid", &grid_view, {100, 8}, 0},  // 128 rows, at most the row count
+        {"narrow", &narrow_view, {341, 3}, 0},
+        {"fixed", &fixed_view, {2}, 0},
+        {"packed", &packed, {1024}, packed.Chunks()->size},
+        {"packed_grid", &packed_grid, {32, 16}, 0},
+    };
+    for (const auto& c : cases) {
+        H5Dataset* ds = file.CreateDataset(c.name, *c.view);
+        ASSERT_NE(ds, nullptr) << c.name;
+        EXPECT_EQ(ds->Format(), c.view->format) << c.name;
+        EXPECT_EQ(chunkShape(ds), c.chunks) << c.name;
+        if (c.stored) {
+            EXPECT_EQ(storageSize(ds), c.stored) << c.name;
+        }
+        const std::uint64_t bytes = c.view->format.count * c.view->format.item_size;
+        std::vector<char> back(bytes);
+        DataView back_view = *c.view;
+        back_view.data = back.data();
+        ASSERT_TRUE(file.OpenDataset(c.name)->Read(back_view)) << c.name;
+        EXPECT_EQ(std::memcmp(back.data(), c.view->data, bytes), 0) << c.name;
+    }
+    EXPECT_EQ(ErrorOf([&] { CompressedDataView v(DataView::Matrix(ints.data(), 30, 3), 2048, 1); }),
               "For 2d arrays, chunksize for compression must be a multiple of the column count.");
-
     // Nothing to write: the data set exists, empty, with no chunk stored.
-    std::vector<std::int16_t> none;
-    CompressedDataView empty(DataView::Of(none), 2048, 1);
     H5Dataset* e = file.CreateDataset("empty", empty);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->Format().type, DataType::Int16);
