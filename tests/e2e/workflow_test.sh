@@ -91,7 +91,7 @@ else
 fi
 
 # Options the workflow sets itself are refused with a message, before anything runs.
-if "$SNAKEMAKE" -s "$SNAKEFILE" -n --cores 2 --config reads=raw out=refused args="--save_path x" >refused.log 2>&1 ||
+if "$SNAKEMAKE" -s "$SNAKEFILE" -n --cores 2 --config bin="$BIN" reads=raw out=refused args="--save_path x" >refused.log 2>&1 ||
     ! grep -q "the workflow sets --save_path itself" refused.log; then
     fail "a --save_path in args was not refused with a message"
 fi
