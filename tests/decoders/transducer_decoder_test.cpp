@@ -18,7 +18,8 @@ brute_force::Edges modelEdges(const std::vector<std::vector<double>>& post, doub
     return [&post, stayPenalty](std::size_t r, int p, const brute_force::Offer& offer) {
         offer(p, 0, post[r][kN] * stayPenalty);
         for (int b = 0; b < 4; ++b) offer((p % 16) * 4 + b, 10 + p / 16, post[r][(p % 16) * 4 + b]);
-        for (int b = 0; b < 16; ++b) offer((p % 4) * 16 + b, 100 + (p % 16 / 4) * 10 + p / 16, post[r][(p % 4) * 16 + b]);
+        for (int b = 0; b < 16; ++b)
+            offer((p % 4) * 16 + b, 100 + (p % 16 / 4) * 10 + p / 16, post[r][(p % 4) * 16 + b]);
     };
 }
 
@@ -49,7 +50,8 @@ TEST(TransducerDecode, MatchesBruteForceIncludingTies) {
         ASSERT_EQ(moves.size(), n);
         EXPECT_EQ(moves[0], 1);
         for (std::size_t r = 1; r < n; ++r) {
-            EXPECT_EQ(moves[r], brute.ranks[r] == 0 ? 0 : brute.ranks[r] < 100 ? 1 : 2) << "trial " << trial << " row " << r;
+            const int want = brute.ranks[r] == 0 ? 0 : brute.ranks[r] < 100 ? 1 : 2;
+            EXPECT_EQ(moves[r], want) << "trial " << trial << " row " << r;
         }
         double total = 0;
         for (double v : brute.bestEnding) total += v;
