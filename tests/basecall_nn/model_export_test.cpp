@@ -11,7 +11,6 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <rapidjson/document.h>
@@ -62,12 +61,8 @@ TEST(ModelExportTest, RunnerGivesTheTrainingPosteriorsAndPath) {
     ASSERT_EQ(std::make_pair(fixture["rows"].GetInt(), fixture["cols"].GetInt()), std::make_pair(rows, cols));
 
     NNLoader loader(std::string(KVX_SOURCE_DIR) + "/data/" + fixture["model"].GetString());
-    EXPECT_EQ(std::make_tuple(loader.GetDecodeType(), loader.GetEventStride(), loader.GetLablLength(),
-                              loader.IsRawModel()),
-              std::make_tuple(kTransducer, std::uint64_t{3}, std::uint64_t{5}, true));
     auto caller = std::make_shared<NNCallerCblas>();
     loader.LoadInto(*caller);
-    EXPECT_EQ(std::make_pair(caller->label_state, caller->event_stride), std::make_pair(1024, 3));
     const auto runner = caller->CreateRunner(caller, static_cast<int>(input.size()));
 
     Common::MatView<float> in = runner->InputView();
