@@ -40,7 +40,8 @@ struct Gate {
     // The loader's view: insize by size over the out x in array.
     GateParams params() const {
         return {Common::MatView<const float>(W.data(), in, out, 1, in),
-                Common::MatView<const float>(U.data(), out, out, 1, out), Common::VecView<const float>(b.data(), out, 1)};
+                Common::MatView<const float>(U.data(), out, out, 1, out),
+                Common::VecView<const float>(b.data(), out, 1)};
     }
     // W x + U h + b, with the bias and either part left out on request.
     Vec affine(const Vec* x, const Vec* h, bool bias = true) const {

@@ -50,8 +50,7 @@ Matrix RunLayers(const Layers& layers, Matrix cur) {
     constexpr float nan = std::numeric_limits<float>::quiet_NaN();
     for (const auto& layer : layers) {
         const int rows = static_cast<int>(cur.rows);
-        Matrix out(static_cast<std::size_t>(layer->OutputRows(rows)), static_cast<std::size_t>(layer->outSize),
-                   nan);
+        Matrix out(std::size_t(layer->OutputRows(rows)), std::size_t(layer->outSize), nan);
         Common::AlignedVector32<float> scratch(static_cast<std::size_t>(layer->ScratchSize(rows)) + 1, nan);
         Common::MatView<float> outView = out.view();
         layer->Process(cur.view(), outView, scratch.data());
