@@ -46,17 +46,16 @@ TEST(Caller, FactoryAndTransitionSettings) {
     const std::vector<float> probs{caller.StayProb(), caller.StepProb(), caller.SkipProb(),
                                    caller.LeakProb()};
     EXPECT_EQ(probs, (std::vector<float>{0.25f, 0.0625f, 0.03125f, 2.0f}));
-}
 
-TEST(Caller, ZeroRowFailsAndWrongWidthIsRefused) {
-    Caller<64> caller;
-    caller.SetTrans(1, 1, 2, 0);
+    // A zero row fails the decode; a width other than the state count is refused.
     std::vector<float> em(4 * 64, 1.0f);
     std::fill(em.begin() + 2 * 64, em.begin() + 3 * 64, 0.0f);
     Common::EmissionBase<float> emissions(em.data(), 4, 64, 64);
     std::vector<int> path;
-    EXPECT_FALSE(caller.Decode(emissions, path));
-    EXPECT_EQ(ErrorOf([&] { caller.Decode(Common::EmissionBase<float>(em.data(), 4, 63, 63), path); }),
+    Caller<64> small;
+    small.SetTrans(1, 1, 2, 0);
+    EXPECT_FALSE(small.Decode(emissions, path));
+    EXPECT_EQ(ErrorOf([&] { small.Decode(Common::EmissionBase<float>(em.data(), 4, 63, 63), path); }),
               "Unexpected size of posterior matrix.");
 }
 

@@ -62,7 +62,7 @@ TEST(TransducerDecode, MatchesBruteForceIncludingTies) {
     EXPECT_GT(tieTrials, 10);
 }
 
-TEST(TransducerDecode, RefusesOtherWidthsAndZeroRows) {
+TEST(TransducerDecode, RefusalsAndHomopolymerRecount) {
     std::vector<int> states;
     std::vector<signed char> moves;
     float score = 0;
@@ -72,9 +72,7 @@ TEST(TransducerDecode, RefusesOtherWidthsAndZeroRows) {
         Common::MatView<float> view(post.data(), 3, width, static_cast<std::int64_t>(width));
         EXPECT_FALSE(BasecallHMM::TransducerDecode(view, states, moves, score, 1.0f, false)) << width;
     }
-}
 
-TEST(TransducerDecode, HomopolymerRecountUsesArrivalChances) {
     // State 0 kept over rows 0..3; arriving at 0 again has the chances 0.3, 0.45, 0.4: 1 + 1.15 + 0.5
     // truncates to 2 bases, so the extra base goes to row 2, the likeliest.
     const double arrive[] = {0.0, 0.3, 0.45, 0.4};
@@ -85,9 +83,6 @@ TEST(TransducerDecode, HomopolymerRecountUsesArrivalChances) {
         post[r * (kN + 1) + kN] = static_cast<float>(1.0 - arrive[r]);
     }
     Common::MatView<float> view(post.data(), 4, kN + 1, kN + 1);
-    std::vector<int> states;
-    std::vector<signed char> moves;
-    float score = 0;
     TransducerDecoder decoder;
     ASSERT_TRUE(decoder.Decode(view, states, moves, score, 1.0f, false));
     EXPECT_EQ(states, (std::vector<int>{0, 0, 0, 0}));
