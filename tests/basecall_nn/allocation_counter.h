@@ -52,6 +52,7 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept { alloc_test::re
 extern "C" int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
     using Real = int (*)(void**, std::size_t, std::size_t);
     static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "posix_memalign"));
-    if (alloc_test::counting.load(std::memory_order_relaxed)) alloc_test::allocations.fetch_add(1, std::memory_order_relaxed);
+    if (alloc_test::counting.load(std::memory_order_relaxed))
+        alloc_test::allocations.fetch_add(1, std::memory_order_relaxed);
     return real(out, alignment, size);
 }

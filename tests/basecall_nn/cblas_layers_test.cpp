@@ -19,7 +19,8 @@ using nn_test::Matrix;
 
 namespace {
 
-using Rows = std::vector<std::vector<double>>;
+using Vec = std::vector<double>;
+using Rows = std::vector<Vec>;
 
 double sigmoid(double x) { return 1.0 / (1.0 + std::exp(-x)); }
 
@@ -38,12 +39,13 @@ struct Gate {
     }
     // The loader's view: insize by size over the out x in array.
     GateParams params() const {
-        return {Common::MatView<const float>(W.data(), in, out, 1, in), Common::MatView<const float>(U.data(), out, out, 1, out),
+        return {Common::MatView<const float>(W.data(), in, out, 1, in),
+                Common::MatView<const float>(U.data(), out, out, 1, out),
                 Common::VecView<const float>(b.data(), out, 1)};
     }
     // W x + U h + b, with the bias and either part left out on request.
-    std::vector<double> affine(const std::vector<double>* x, const std::vector<double>* h, bool bias = true) const {
-        std::vector<double> y(out);
+    Vec affine(const Vec* x, const Vec* h, bool bias = true) const {
+        Vec y(out);
         for (int o = 0; o < out; ++o) {
             double s = bias ? b[o] : 0.0;
             for (int i = 0; x && i < in; ++i) s += double(W[o * in + i]) * (*x)[i];
@@ -62,17 +64,19 @@ Rows toRows(const Matrix& m) {
 }
 
 // A GRU's gates: reset, update, candidate.
-std::vector<Gate> gates(std::mt19937& rng, int in, int out) { return {Gate(rng, in, out), Gate(rng, in, out), Gate(rng, in, out)}; }
+std::vector<Gate> gates(std::mt19937& rng, int in, int out) {
+    return {Gate(rng, in, out), Gate(rng, in, out), Gate(rng, in, out)};
+}
 GruParams gruParams(const std::vector<Gate>& g) { return {g[1].params(), g[0].params(), g[2].params()}; }
 
 Rows referenceGru(const Rows& x, const std::vector<Gate>& g, bool reverse, bool resetAfter, bool residual) {
     const int H = g[0].out, T = static_cast<int>(x.size());
-    std::vector<double> h(H, 0.0);
+    Vec h(H, 0.0);
     Rows out(T);
     for (int s = 0; s < T; ++s) {
         const int t = reverse ? T - 1 - s : s;
         const auto r = g[0].affine(&x[t], &h), z = g[1].affine(&x[t], &h), wx = g[2].affine(&x[t], nullptr);
-        std::vector<double> rh(H), n(H);
+        Vec rh(H), n(H);
         for (int i = 0; i < H; ++i) rh[i] = sigmoid(r[i]) * h[i];
         const auto uh = g[2].affine(nullptr, resetAfter ? &h : &rh, false);
         for (int i = 0; i < H; ++i) n[i] = std::tanh(wx[i] + (resetAfter ? sigmoid(r[i]) : 1.0) * uh[i]);
@@ -123,11 +127,13 @@ TEST(RowLayerTest, EveryKindMatchesReference) {
     };
     Case cases[] = {
         {"identity", MakeFeedforward(v_identity, P.iW, P.bias), &g, [](double v) { return v; }, false, 2e-6},
-        {"tanh", MakeFeedforward(v_tanh, P.iW, P.bias), &g, [](double v) { return std::tanh(v); }, false, 2e-6},
+        {"tanh", MakeFeedforward(v_tanh, P.iW, P.bias), &g, [](double v) { return std::tanh(v); }, false,
+         2e-6},
         {"sigmoid", MakeFeedforward(v_sigmoid, P.iW, P.bias), &g, sigmoid, false, 2e-6},
-        {"relu", MakeFeedforward(v_relu, P.iW, P.bias), &g, [](double v) { return v < 0 ? 0.0 : v; }, false, 2e-6},
-        {"elu", MakeFeedforward(v_elu, P.iW, P.bias), &g, [](double v) { return v < 0 ? std::exp(v) - 1.0 : v; },
-         false, 2e-6},
+        {"relu", MakeFeedforward(v_relu, P.iW, P.bias), &g, [](double v) { return std::max(v, 0.0); }, false,
+         2e-6},
+        {"elu", MakeFeedforward(v_elu, P.iW, P.bias), &g,
+         [](double v) { return v < 0 ? std::exp(v) - 1.0 : v; }, false, 2e-6},
         {"two-state", std::make_unique<GlobalNormTwoState>(P.iW, P.bias), &g,
          [](double v) { return 5.0 * std::tanh(v); }, false, 5e-6},
         {"softmax", std::make_unique<Softmax>(P.iW, P.bias), &g, exp, true, 1e-7},
@@ -181,7 +187,8 @@ TEST(GruTest, EveryFormMatchesReference) {
         if (c.bidir) {
             layer = std::make_unique<Bidir<Gru>>(gru(f, false), gru(b, true));
             const Rows back = referenceGru(x, b, true, c.resetAfter, c.residual);
-            for (std::size_t r = 0; r < want.size(); ++r) want[r].insert(want[r].end(), back[r].begin(), back[r].end());
+            for (std::size_t r = 0; r < want.size(); ++r)
+                want[r].insert(want[r].end(), back[r].begin(), back[r].end());
         }
         EXPECT_LT(maxError(runLayer(*layer, in), want), 2e-5);
     }

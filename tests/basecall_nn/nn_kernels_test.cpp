@@ -53,10 +53,11 @@ TEST(NNKernelsTest, EverySetMatchesTheReference) {
             k->scaledTanh(act[5].data(), n, 5.0f);
             for (std::size_t i = 0; i < n; ++i) {
                 const double v = x[i], e = std::exp(v);
-                const double want[6] = {std::tanh(v), 1.0 / (1.0 + 1.0 / e), v < 0 ? 0.0 : v, v < 0 ? e - 1.0 : v,
-                                        e + 1e-6, 5.0 * std::tanh(v)};
+                const double want[6] = {std::tanh(v),        1.0 / (1.0 + 1.0 / e), v < 0 ? 0.0 : v,
+                                        v < 0 ? e - 1.0 : v, e + 1e-6,              5.0 * std::tanh(v)};
                 for (int a = 0; a < 6; ++a)
-                    ASSERT_NEAR(act[a][i], want[a], 4e-7 * std::fabs(want[a]) + 1.2e-7) << a << " n=" << n << " x=" << v;
+                    ASSERT_NEAR(act[a][i], want[a], 4e-7 * std::fabs(want[a]) + 1.2e-7)
+                        << a << " n=" << n << " x=" << v;
             }
             // Arithmetic is never contracted into fused multiply-adds, so it is exact.
             std::vector<std::vector<float>> got = {x, x, x, std::vector<float>(n), y}, want = got;

@@ -39,40 +39,42 @@ Matrix run(const NNLoader& loader, const std::string& input) {
 }  // namespace
 
 TEST(ModelFixturesTest, EveryFixtureGivesTheNumpyPosteriors) {
+    // Files <model>.json, <data>_input.txt and <data>_<expected>.txt.
     struct Case {
-        const char *file, *input, *expected;
+        const char *model, *data, *expected;
         float tempWeight, tempBias;
         DecodeType decode;
         int labl, stride, states;
     };
     const Case cases[] = {
-        {"dialect_tessel.json", "dialect_input.txt", "dialect_expected.txt", 1, 1, kNontransducer, 3, 2, 65},
-        {"dialect_quorlet.json", "dialect_input.txt", "dialect_expected.txt", 1, 1, kNontransducer, 3, 2, 65},
-        {"dialect_tessel.json", "dialect_input.txt", "dialect_expected_temp.txt", 0.8f, 1.25f, kNontransducer, 3, 2, 65},
-        {"dialect_quorlet.json", "dialect_input.txt", "dialect_expected_temp.txt", 0.8f, 1.25f, kNontransducer, 3, 2, 65},
-        {"tessel_gru_variants.json", "tessel_gru_variants_input.txt", "tessel_gru_variants_expected.txt", 1, 1,
-         kTransducer, 1, 1, 5},
-        {"tessel_globalnorm.json", "tessel_globalnorm_input.txt", "tessel_globalnorm_expected.txt", 1, 1, kFlipflop,
-         1, 3, 40},
+        {"dialect_tessel", "dialect", "expected", 1, 1, kNontransducer, 3, 2, 65},
+        {"dialect_quorlet", "dialect", "expected", 1, 1, kNontransducer, 3, 2, 65},
+        {"dialect_tessel", "dialect", "expected_temp", 0.8f, 1.25f, kNontransducer, 3, 2, 65},
+        {"dialect_quorlet", "dialect", "expected_temp", 0.8f, 1.25f, kNontransducer, 3, 2, 65},
+        {"tessel_gru_variants", "tessel_gru_variants", "expected", 1, 1, kTransducer, 1, 1, 5},
+        {"tessel_globalnorm", "tessel_globalnorm", "expected", 1, 1, kFlipflop, 1, 3, 40},
     };
     Matrix first;
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.file + std::string(" ") + c.expected);
-        NNLoader loader(nn_test::DataPath(c.file), c.tempWeight, c.tempBias);
-        EXPECT_EQ(std::make_tuple(loader.GetDecodeType(), loader.GetLablLength(), loader.GetEventStride(), loader.IsRawModel()),
+        SCOPED_TRACE(c.model + std::string(" ") + c.expected);
+        const std::string input = c.data + std::string("_input.txt");
+        NNLoader loader(nn_test::DataPath(c.model + std::string(".json")), c.tempWeight, c.tempBias);
+        EXPECT_EQ(std::make_tuple(loader.GetDecodeType(), loader.GetLablLength(), loader.GetEventStride(),
+                                  loader.IsRawModel()),
                   std::make_tuple(c.decode, std::uint64_t(c.labl), std::uint64_t(c.stride), true));
         NNCallerCblas network;
         loader.LoadInto(network);
         // The label state of a flip-flop output is its base count.
-        EXPECT_EQ(std::make_tuple(network.num_states, network.label_state, network.decode_type, network.event_stride),
-                  std::make_tuple(c.states, c.states == 40 ? 4 : c.states - 1, int(c.decode), c.stride));
-        EXPECT_EQ(std::make_pair(network.window, network.feature_kind), std::make_pair(std::vector<std::int32_t>{0}, int(kFeaturesRaw)));
-        const Matrix got = run(loader, c.input);
-        EXPECT_LT(maxRelativeError(got, ReadMatrix(c.expected)), 2e-5);
+        EXPECT_EQ(std::make_tuple(network.num_states, network.label_state, network.decode_type,
+                                  network.event_stride, network.window, network.feature_kind),
+                  std::make_tuple(c.states, c.states == 40 ? 4 : c.states - 1, int(c.decode), c.stride,
+                                  std::vector<std::int32_t>{0}, int(kFeaturesRaw)));
+        const Matrix got = run(loader, input);
+        EXPECT_LT(maxRelativeError(got, ReadMatrix(c.data + ("_" + std::string(c.expected)) + ".txt")), 2e-5);
         // The same weights in the same places: both dialects agree exactly, and so does a second load.
         if (&c == &cases[0]) first = got;
         if (&c <= &cases[1]) {
-            EXPECT_EQ(maxRelativeError(run(loader, c.input), first), 0.0);
+            EXPECT_EQ(maxRelativeError(run(loader, input), first), 0.0);
         }
     }
 }

@@ -39,7 +39,9 @@ struct Params {
         return Common::MatView<const float>(arrays.back().data(), rows, cols, cols, 1);
     }
     Common::VecView<const float> vector(int n, float scale) { return matrix(1, n, scale).row(0); }
-    GateParams gate(int in, int size) { return {matrix(in, size, 0.5f), matrix(size, size, 0.5f), vector(size, 0.1f)}; }
+    GateParams gate(int in, int size) {
+        return {matrix(in, size, 0.5f), matrix(size, size, 0.5f), vector(size, 0.1f)};
+    }
     GruParams gru(int in, int size) { return {gate(in, size), gate(in, size), gate(in, size)}; }
 };
 
@@ -65,9 +67,8 @@ std::shared_ptr<NNCallerCblas> rawModel(int decodeType, int states = 64) {
 
 std::vector<float> signal(std::size_t n, unsigned seed = 1) {
     std::mt19937 rng(seed);
-    std::normal_distribution<float> normal(100.0f, 15.0f);
     std::vector<float> s(n);
-    for (auto& x : s) x = normal(rng);
+    for (auto& x : s) x = std::normal_distribution<float>(100.0f, 15.0f)(rng);
     return s;
 }
 
@@ -80,13 +81,11 @@ CallResult call(NNRunnerCblas& runner, std::vector<float>& raw, std::size_t even
                 bool shrink = true) {
     CallResult r;
     r.events.resize(events);
-    runner.Call(r.events, Common::VecView<float>(raw.data(), raw.size(), 1), 4000.0f, r.trans, 1e-5f, -1, -1, path,
-                shrink, false);
+    runner.Call(r.events, Common::VecView<float>(raw), 4000.0f, r.trans, 1e-5f, -1, -1, path, shrink, false);
     return r;
 }
 
-// The network's posteriors for the samples through its layers one by one, after median and MAD
-// scaling.
+// The network's posteriors for the samples through its layers one by one, after median and MAD scaling.
 nn_test::Matrix referencePosteriors(const NNCallerCblas& m, const std::vector<float>& samples) {
     std::vector<float> work(samples);
     const auto median = [&work] {
@@ -106,10 +105,11 @@ nn_test::Matrix referencePosteriors(const NNCallerCblas& m, const std::vector<fl
 TEST(NNRunnerCblas, EveryMessageOfACall) {
     auto runner = runnerFor(rawModel(kTransducer), 1000);
     std::vector<float> none, s400 = signal(400), s401 = signal(401);
-    EXPECT_EQ(ErrorOf([&] { call(*runner, none, 10); }), "Trying to basecall with raw model, but no raw data provided.");
+    EXPECT_EQ(ErrorOf([&] { call(*runner, none, 10); }),
+              "Trying to basecall with raw model, but no raw data provided.");
     EXPECT_EQ(ErrorOf([&] { call(*runner, s401, 200); }),
-              "Mismatch between size of raw data and event data: rawSamples.size() = 401, events.size() = 200, "
-              "eventStride = 2");
+              "Mismatch between size of raw data and event data: rawSamples.size() = 401, events.size() = "
+              "200, eventStride = 2");
     EXPECT_EQ(ErrorOf([&] { call(*runner, s401, 201); }), "(no exception)");
     EXPECT_EQ(ErrorOf([&] { call(*runner, s400, 200, true, false); }),
               "Can only extract path from NN posteriors after bucket state removal.");
@@ -117,7 +117,8 @@ TEST(NNRunnerCblas, EveryMessageOfACall) {
         auto wrong = rawModel(kTransducer);
         wrong->label_state = bad;
         EXPECT_EQ(ErrorOf([&] { call(*runnerFor(wrong, 100), s400, 200); }),
-                  "Unsupported number of states: " + std::to_string(bad) + ". State count should be a positive power of 4.");
+                  "Unsupported number of states: " + std::to_string(bad) +
+                      ". State count should be a positive power of 4.");
     }
     // Flip-flop output is 40 columns for four bases; 41 is refused.
     for (int columns : {40, 41}) {
@@ -140,7 +141,6 @@ TEST(NNRunnerCblas, TransducerCallGivesPathStaysAndQuality) {
     CallResult r = call(*runner, samples, 200);
     const std::size_t n = 200;
     ASSERT_EQ(r.events.size(), n);
-
     // The path is TransducerDecode's on the network output.
     std::vector<int> states;
     std::vector<signed char> moves;
@@ -148,7 +148,6 @@ TEST(NNRunnerCblas, TransducerCallGivesPathStaysAndQuality) {
     nn_test::Matrix copy = net;
     ASSERT_TRUE(BasecallHMM::TransducerDecode(copy.view(), states, moves, score, 1.0f, false));
     EXPECT_EQ(std::tie(runner->states, runner->moves, runner->score), std::tie(states, moves, score));
-
     // Weights and the stay estimate come from the stay column; stays carried forward, then the
     // bucket column dropped and each row renormalised with the 1e-5 floor.
     ASSERT_EQ(runner->weights.size(), n);
@@ -165,19 +164,19 @@ TEST(NNRunnerCblas, TransducerCallGivesPathStaysAndQuality) {
         prev = carried;
     }
     EXPECT_NEAR(r.trans.stay, staySum / n, 1e-6);
-    const double zeros = std::count(moves.begin(), moves.end(), 0), twos = std::count(moves.begin(), moves.end(), 2);
+    const double zeros = std::count(moves.begin(), moves.end(), 0);
+    const double twos = std::count(moves.begin(), moves.end(), 2);
     // With no stay on the path the ratio stay / (stays / n) is taken as 1.
     EXPECT_NEAR(r.trans.skip, (twos / n) * (zeros > 0 ? r.trans.stay / (zeros / n) : 1.0), 1e-6);
     EXPECT_NEAR(r.trans.stay + r.trans.step + r.trans.skip, 1.0, 1e-6);
-
     ASSERT_EQ(runner->posteriors.cols, 64u);
     ASSERT_EQ(runner->qualityData.size(), n * 12);
     ASSERT_EQ(runner->statePosteriors.size(), n);
     for (std::size_t i = 0; i < n; ++i) {
         EXPECT_EQ(runner->statePosteriors[i], runner->posteriors(i, states[i]));
         // Each position's four base probabilities add up to the row's mass, 1.
-        for (std::size_t p = i * 12; p < i * 12 + 12; p += 4)
-            EXPECT_NEAR(std::accumulate(&runner->qualityData[p], &runner->qualityData[p] + 4, 0.0f), 1.0f, 1e-5f);
+        for (const float* p = &runner->qualityData[i * 12]; p < &runner->qualityData[i * 12 + 12]; p += 4)
+            EXPECT_NEAR(std::accumulate(p, p + 4, 0.0f), 1.0f, 1e-5f);
     }
     EXPECT_EQ(runner->pathStates, runner->states);
     EXPECT_EQ(runner->pathViews.size(), n);
@@ -193,8 +192,10 @@ TEST(NNRunnerCblas, NontransducerCallDecodesWithEstimatedTransitions) {
     EXPECT_NEAR(r.trans.stay + r.trans.step + r.trans.skip, 1.0, 1e-5);
     EXPECT_GT(r.trans.stay, 0.0f);
     // Weights are the mass of the first 64 columns; the path is the decoder's on the shrunk rows.
-    for (std::size_t i = 0; i < 200; ++i)
-        EXPECT_NEAR(runner->weights[i], std::accumulate(&net.data[i * net.stride], &net.data[i * net.stride + 64], 0.0), 1e-5);
+    for (std::size_t i = 0; i < 200; ++i) {
+        const float* row = &net.data[i * net.stride];
+        EXPECT_NEAR(runner->weights[i], std::accumulate(row, row + 64, 0.0), 1e-5);
+    }
     BasecallHMM::Caller<64> hmm;
     hmm.SetTrans(r.trans.stay, r.trans.step, r.trans.skip, 0.0f);
     std::vector<int> path;
@@ -211,7 +212,7 @@ TEST(NNRunnerCblas, ShrinkPosteriorsRules) {
     std::vector<float> m;
     const auto shrink = [&](auto& ev, int first, int last, bool renormalise) {
         // Rows: bucket largest; tie between column 0 and bucket; all zero; plain.
-        m = {0.1f, 0.1f, 0.1f, 0.1f, 0.6f, 0.3f, 0.1f, 0.0f, 0.0f, 0.3f, 0, 0, 0, 0, 0, 0.4f, 0.3f, 0.2f, 0.1f, 0};
+        m = {0.1f, 0.1f, 0.1f, 0.1f, 0.6f, 0.3f, 0.1f, 0, 0, 0.3f, 0, 0, 0, 0, 0, 0.4f, 0.3f, 0.2f, 0.1f, 0};
         runner->posteriors = Common::MatView<float>(m.data(), 4, 5, 5);
         runner->states.clear();
         return runner->ShrinkPosteriors(ev, first, last, renormalise, 1e-5f);
@@ -219,8 +220,7 @@ TEST(NNRunnerCblas, ShrinkPosteriorsRules) {
     EventData<Deep> ev(4), ev2(4), wrong(3), owner(4);
     for (int i = 0; i < 4; ++i) ev.mean[i] = owner.mean[i] = static_cast<float>(i);
 
-    // firstEvent -1 keeps every row, even one whose largest entry is the bucket; a zero row becomes
-    // 1/n everywhere.
+    // firstEvent -1 keeps every row, even one whose largest entry is the bucket; a zero row becomes 1/n.
     EXPECT_EQ(shrink(ev, -1, 4, true), 4u);
     EXPECT_EQ(runner->posteriors.rowStride, 4);
     for (int c = 0; c < 4; ++c) EXPECT_FLOAT_EQ(runner->posteriors(2, c), 0.25f);
@@ -234,13 +234,13 @@ TEST(NNRunnerCblas, ShrinkPosteriorsRules) {
     // Without renormalising all columns move up as they were.
     EXPECT_EQ(shrink(ev2, 0, 1, false), 3u);
     EXPECT_EQ(runner->posteriors.cols, 5u);
-    EXPECT_EQ(std::make_pair(runner->posteriors(0, 4), runner->posteriors(2, 0)), std::make_pair(0.3f, 0.4f));
+    EXPECT_EQ(std::make_pair(runner->posteriors(0, 4), runner->posteriors(2, 0)),
+              std::make_pair(0.3f, 0.4f));
     EXPECT_EQ(ErrorOf([&] { shrink(wrong, -1, -1, true); }), "Weight vector corrupted.");
     // The viewing form removes through to the viewed record.
     EventData<Common::Shallow> view(owner);
     EXPECT_EQ(shrink(view, 0, 4, true), 3u);
     EXPECT_EQ(std::make_pair(view.size(), view.mean[0]), std::make_pair(std::size_t{3}, 1.0f));
-
     // A transducer drops the rows its path gives no state.
     auto transducer = runnerFor(rawModel(kTransducer, 4), 10);
     m = {0.5f, 0.1f, 0.1f, 0.1f, 0.2f, 0.1f, 0.5f, 0.1f, 0.1f, 0.2f, 0.1f, 0.1f, 0.5f, 0.1f, 0.2f};
@@ -263,7 +263,8 @@ TEST(NNRunnerCblas, EventModelReadsWindowedFeatures) {
     auto runner = runnerFor(m, 50);
     EventData<Deep> ev(30);
     for (std::size_t i = 0; i < 30; ++i)
-        std::tie(ev.mean[i], ev.stdv[i], ev.length[i], ev.start[i]) = std::make_tuple(80 + i % 7, 1 + i % 3, 10 + i % 5, 12 * i);
+        std::tie(ev.mean[i], ev.stdv[i], ev.length[i], ev.start[i]) =
+            std::make_tuple(80 + i % 7, 1 + i % 3, 10 + i % 5, 12 * i);
     // Level, spread and dwell of each event, each studentised over the strand, at offsets -1, 0, 1,
     // with zeros beyond the ends.
     nn_test::Matrix input(30, 9);
@@ -279,15 +280,16 @@ TEST(NNRunnerCblas, EventModelReadsWindowedFeatures) {
         for (auto& row : feature) row[f] = (row[f] - mean) / sd;
     }
     for (int i = 0; i < 30; ++i)
-        for (int w = 0; w < 9; ++w) input(i, w) = i + w / 3 - 1 >= 0 && i + w / 3 - 1 < 30 ? feature[i + w / 3 - 1][w % 3] : 0.0;
+        for (int w = 0; w < 9; ++w)
+            input(i, w) = i + w / 3 - 1 >= 0 && i + w / 3 - 1 < 30 ? feature[i + w / 3 - 1][w % 3] : 0.0;
     const nn_test::Matrix expected = nn_test::RunLayers(m->Layers(), input);
-
     // Without path or shrinking, the posteriors are the network's output as it is.
     TransProbs trans;
     runner->Call(ev, Common::VecView<float>(), 4000.0f, trans, 1e-5f, -1, -1, false, false, false);
     ASSERT_EQ(runner->posteriors.rows * runner->posteriors.cols, 30u * 65);
     for (std::size_t r = 0; r < 30; ++r)
-        for (std::size_t c = 0; c < 65; ++c) EXPECT_NEAR(runner->posteriors(r, c), expected(r, c), 1e-5) << r << "," << c;
+        for (std::size_t c = 0; c < 65; ++c)
+            EXPECT_NEAR(runner->posteriors(r, c), expected(r, c), 1e-5) << r << "," << c;
 }
 
 // Steady state: a second call of the same size allocates nothing at all, layer buffers included.
@@ -301,8 +303,8 @@ TEST(NNRunnerCblas, SteadyCallsDoNotAllocate) {
         TransProbs trans;
         const auto callOn = [&](std::vector<float>& raw) {
             events.resize(raw.size() / 2);
-            runner->Call(events, Common::VecView<float>(raw.data(), raw.size(), 1), 4000.0f, trans, 1e-5f, -1, -1,
-                         true, true, false);
+            runner->Call(events, Common::VecView<float>(raw), 4000.0f, trans, 1e-5f, -1, -1, true, true,
+                         false);
         };
         // Reserve only grows.
         runner->Reserve(10);
@@ -339,12 +341,14 @@ TEST(NNRunnerCblas, CallPairIsTwoCallsBitForBit) {
             std::vector<float> raw[2] = {signal(n[0], 3 * trial + 1), signal(n[1], 3 * trial + 2)};
             CallResult pair[2];
             for (int s = 0; s < 2; ++s) pair[s].events.resize((n[s] + 1) / 2);
-            first->CallPair(*second, StrandCall{pair[0].events, Common::VecView<float>(raw[0]), pair[0].trans},
-                            StrandCall{pair[1].events, Common::VecView<float>(raw[1]), pair[1].trans}, 4000.0f, 1e-5f,
-                            true, true, false);
+            const auto strand = [&](int s) {
+                return StrandCall{pair[s].events, Common::VecView<float>(raw[s]), pair[s].trans};
+            };
+            first->CallPair(*second, strand(0), strand(1), 4000.0f, 1e-5f, true, true, false);
             const NNRunnerCblas* runners[2] = {first.get(), second.get()};
             for (int s = 0; s < 2; ++s) {
-                SCOPED_TRACE(std::string(set->name) + " trial " + std::to_string(trial) + " strand " + std::to_string(s));
+                SCOPED_TRACE(std::string(set->name) + " trial " + std::to_string(trial) + " strand " +
+                             std::to_string(s));
                 const CallResult want = call(*alone, raw[s], (n[s] + 1) / 2);
                 const NNRunnerCblas& got = *runners[s];
                 ASSERT_EQ(std::make_pair(got.posteriors.rows, got.posteriors.cols),
@@ -353,7 +357,8 @@ TEST(NNRunnerCblas, CallPairIsTwoCallsBitForBit) {
                     for (std::size_t c = 0; c < got.posteriors.cols; ++c)
                         ASSERT_EQ(got.posteriors(r, c), alone->posteriors(r, c)) << r << "," << c;
                 EXPECT_EQ(std::tie(got.score, got.states, got.moves, got.weights, got.qualityData),
-                          std::tie(alone->score, alone->states, alone->moves, alone->weights, alone->qualityData));
+                          std::tie(alone->score, alone->states, alone->moves, alone->weights,
+                                   alone->qualityData));
                 EXPECT_EQ(std::make_tuple(pair[s].events.size(), pair[s].trans.stay, pair[s].trans.skip),
                           std::make_tuple(want.events.size(), want.trans.stay, want.trans.skip));
             }

@@ -50,7 +50,7 @@ Matrix RunLayers(const Layers& layers, Matrix cur) {
     constexpr float nan = std::numeric_limits<float>::quiet_NaN();
     for (const auto& layer : layers) {
         const int rows = static_cast<int>(cur.rows);
-        Matrix out(static_cast<std::size_t>(layer->OutputRows(rows)), static_cast<std::size_t>(layer->outSize), nan);
+        Matrix out(std::size_t(layer->OutputRows(rows)), std::size_t(layer->outSize), nan);
         Common::AlignedVector32<float> scratch(static_cast<std::size_t>(layer->ScratchSize(rows)) + 1, nan);
         Common::MatView<float> outView = out.view();
         layer->Process(cur.view(), outView, scratch.data());
@@ -76,7 +76,9 @@ public:
     std::string path;
 };
 
-inline std::string DataPath(const std::string& name) { return std::string(KVX_TEST_DATA_DIR) + "/basecall_nn/" + name; }
+inline std::string DataPath(const std::string& name) {
+    return std::string(KVX_TEST_DATA_DIR) + "/basecall_nn/" + name;
+}
 
 // Reads "rows cols" and then the values, as the fixture script writes them.
 inline Matrix ReadMatrix(const std::string& name) {
@@ -90,7 +92,7 @@ inline Matrix ReadMatrix(const std::string& name) {
     return m;
 }
 
-inline Matrix RandomMatrix(std::mt19937& rng, std::size_t rows, std::size_t cols, float lo = -1.0f, float hi = 1.0f) {
+inline Matrix RandomMatrix(std::mt19937& rng, std::size_t rows, std::size_t cols, float lo, float hi) {
     std::uniform_real_distribution<float> dist(lo, hi);
     Matrix m(rows, cols);
     for (std::size_t i = 0; i < rows * cols; ++i) m(i / cols, i % cols) = dist(rng);

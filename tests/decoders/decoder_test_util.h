@@ -68,7 +68,8 @@ inline Best Decode(std::size_t n, const std::vector<double>& first, const Edges&
             return;
         }
         best.bestEnding[path[n - 1]] = std::max(best.bestEnding[path[n - 1]], score);
-        best.optimalPaths = score == best.score ? best.optimalPaths + 1 : score > best.score ? 1 : best.optimalPaths;
+        if (score > best.score) best.optimalPaths = 0;
+        if (score >= best.score) ++best.optimalPaths;
         if (score > best.score || (score == best.score && earlier())) {
             best.score = score;
             best.states = path;
@@ -87,7 +88,8 @@ inline double PathScore(const std::vector<int>& path, const std::vector<double>&
     double score = first[path[0]];
     for (std::size_t r = 1; r < path.size(); ++r) {
         double edge = 0.0;
-        edges(r, path[r - 1], [&](int s, int, double weight) { edge = s == path[r] ? std::max(edge, weight) : edge; });
+        edges(r, path[r - 1],
+              [&](int s, int, double weight) { edge = s == path[r] ? std::max(edge, weight) : edge; });
         score *= edge;
     }
     return score;

@@ -27,7 +27,9 @@ struct Problem {
     std::vector<int> first;
     std::vector<int> second;
 
-    Common::MatView<const int> View() const { return Common::MatView<const int>(matrix.data(), size, size, size, 1); }
+    Common::MatView<const int> View() const {
+        return Common::MatView<const int>(matrix.data(), size, size, size, 1);
+    }
 };
 
 Sequence view(const std::vector<int>& v) { return Sequence(v.data(), v.size(), 1); }
@@ -109,8 +111,9 @@ TEST(FastAlign, MatchesBandedFullMatrixReference) {
         std::map<std::pair<int, KernelIsa>, FastAlign> aligners;
         for (const int band : bands) {
             for (KernelIsa isa : kernels) {
-                FastAlign& aligner = aligners.emplace(std::make_pair(band, isa), FastAlign(p.View(), gaps, band))
-                                         .first->second;
+                FastAlign& aligner =
+                    aligners.emplace(std::make_pair(band, isa), FastAlign(p.View(), gaps, band))
+                        .first->second;
                 ASSERT_TRUE(aligner.SetKernel(isa));
                 ASSERT_EQ(aligner.Band(), band | 1);  // an even band grows by one
             }
@@ -130,8 +133,9 @@ TEST(FastAlign, MatchesBandedFullMatrixReference) {
                 bandedAlign(p, whole ? (std::max(n, m) + 1) / 2 : band / 2, expected, expectedCells);
             ASSERT_TRUE(!whole || expectedCells == std::int64_t{n + 1} * (m + 1));
             for (KernelIsa isa : kernels) {
-                SCOPED_TRACE(std::string(BasecallCommon::IsaName(isa)) + " scoring " + std::to_string(scoring) + " band " +
-                             std::to_string(band) + " lengths " + std::to_string(n) + ", " + std::to_string(m));
+                SCOPED_TRACE(std::string(BasecallCommon::IsaName(isa)) + " scoring " +
+                             std::to_string(scoring) + " band " + std::to_string(band) + " lengths " +
+                             std::to_string(n) + ", " + std::to_string(m));
                 FastAlign& aligner = aligners.at({band, isa});
                 AlignmentPath path{{7, 7}};  // cleared by the call
                 ASSERT_EQ(aligner.Align(view(p.first), view(p.second), path), expectedScore);
@@ -151,7 +155,8 @@ TEST(FastAlign, EmptySequencesAndFailures) {
     EXPECT_EQ(aligner.Align(view(three), view(none), path), kUnreachable);
     EXPECT_EQ(path, (AlignmentPath{{9, 9}, {-1, 0}, {-1, 1}, {-1, 2}, {0, -1}, {1, -1}, {2, -1}}));
     using TestSupport::ErrorOf;
-    EXPECT_EQ(ErrorOf([&] { FastAlign(scores, {1, 2, 3, 4, 5, 6, 7}, 11); }), "Gap penalty vector must be length 6 or 8.");
+    EXPECT_EQ(ErrorOf([&] { FastAlign(scores, {1, 2, 3, 4, 5, 6, 7}, 11); }),
+              "Gap penalty vector must be length 6 or 8.");
     EXPECT_EQ(ErrorOf([&] { aligner.Align(Sequence(three.data(), 2, 2), view(three), path); }),
               "Fast aligner does not allow non-unit-stride sequence vectors.");
     EXPECT_EQ(ErrorOf([&] { aligner.Align(view(outside), view(three), path); }),

@@ -20,8 +20,8 @@ TEST(FlipflopDecoder, TransitionLayout) {
     std::sort(used.begin(), used.end());
     std::iota(all.begin(), all.end(), 0);
     EXPECT_EQ(used, all);
-    EXPECT_EQ(std::vector<int>({FlipflopDecoder::Column(2, 6), FlipflopDecoder::Column(6, 6), FlipflopDecoder::Column(1, 6),
-                                FlipflopDecoder::Column(5, 3)}),
+    EXPECT_EQ(std::vector<int>({FlipflopDecoder::Column(2, 6), FlipflopDecoder::Column(6, 6),
+                                FlipflopDecoder::Column(1, 6), FlipflopDecoder::Column(5, 3)}),
               std::vector<int>({34, 38, -1, 29}));
 }
 
@@ -87,5 +87,6 @@ TEST(FlipflopDecoder, NaNFails) {
     std::vector<int> states;
     std::vector<signed char> moves;
     float score = 0;
-    EXPECT_FALSE(FlipflopDecoder().Decode(Common::MatView<float>(s.data(), 1, 40, 40), states, moves, weights, nullptr, score));
+    EXPECT_FALSE(FlipflopDecoder().Decode(Common::MatView<float>(s.data(), 1, 40, 40), states, moves, weights,
+                                          nullptr, score));
 }

@@ -43,19 +43,19 @@ TEST(Caller, FactoryAndTransitionSettings) {
     // Weights normalised over the three kinds, then shared by 4 steps and 16 skips; the leak per state.
     Caller<1024> caller;
     caller.SetTrans(1, 1, 2, 2048);
-    EXPECT_EQ(std::vector<float>({caller.StayProb(), caller.StepProb(), caller.SkipProb(), caller.LeakProb()}),
-              std::vector<float>({0.25f, 0.0625f, 0.03125f, 2.0f}));
-}
+    const std::vector<float> probs{caller.StayProb(), caller.StepProb(), caller.SkipProb(),
+                                   caller.LeakProb()};
+    EXPECT_EQ(probs, (std::vector<float>{0.25f, 0.0625f, 0.03125f, 2.0f}));
 
-TEST(Caller, ZeroRowFailsAndWrongWidthIsRefused) {
-    Caller<64> caller;
-    caller.SetTrans(1, 1, 2, 0);
+    // A zero row fails the decode; a width other than the state count is refused.
     std::vector<float> em(4 * 64, 1.0f);
     std::fill(em.begin() + 2 * 64, em.begin() + 3 * 64, 0.0f);
     Common::EmissionBase<float> emissions(em.data(), 4, 64, 64);
     std::vector<int> path;
-    EXPECT_FALSE(caller.Decode(emissions, path));
-    EXPECT_EQ(ErrorOf([&] { caller.Decode(Common::EmissionBase<float>(em.data(), 4, 63, 63), path); }),
+    Caller<64> small;
+    small.SetTrans(1, 1, 2, 0);
+    EXPECT_FALSE(small.Decode(emissions, path));
+    EXPECT_EQ(ErrorOf([&] { small.Decode(Common::EmissionBase<float>(em.data(), 4, 63, 63), path); }),
               "Unexpected size of posterior matrix.");
 }
 
@@ -64,16 +64,17 @@ TEST(Caller, ZeroRowFailsAndWrongWidthIsRefused) {
 TEST(Caller64Decode, MatchesBruteForce) {
     std::mt19937 rng(7);
     const double values[] = {1.0, 0.5, 0.25, 0.125, 0.0625};
-    const float settings[][4] = {{1, 1, 2, 0}, {8, 4, 4, 0}, {1, 2, 1, 0}, {2, 4, 8, 0}, {0.6f, 0.3f, 0.1f, 0.5f}};
+    const float sets[][4] = {{1, 1, 2, 0}, {8, 4, 4, 0}, {1, 2, 1, 0}, {2, 4, 8, 0}, {.6f, .3f, .1f, .5f}};
     int ties = 0;
     for (int trial = 0; trial < 52; ++trial) {
         const bool exact = trial < 40;
         const std::size_t n = 1 + trial % (exact ? 4 : 3);
         std::vector<std::vector<double>> em(n, std::vector<double>(kN));
         for (auto& row : em) {
-            for (auto& x : row) x = exact ? values[rng() % 5] : std::uniform_real_distribution<double>(0.01, 1.0)(rng);
+            for (auto& x : row)
+                x = exact ? values[rng() % 5] : std::uniform_real_distribution<double>(0.01, 1.0)(rng);
         }
-        const float* t = settings[exact ? trial % 4 : 4];
+        const float* t = sets[exact ? trial % 4 : 4];
         Caller<64> caller;
         caller.SetTrans(t[0], t[1], t[2], exact || trial % 2 ? t[3] : 0.0f);
         auto flat = Flatten(em);
@@ -94,12 +95,14 @@ TEST(Caller64Decode, MatchesBruteForce) {
         // A column-major view of the same emissions decodes alike.
         std::vector<float> colMajor(n * kN);
         for (std::size_t e = 0; e < n * kN; ++e) colMajor[(e % kN) * n + e / kN] = flat[e];
-        ASSERT_TRUE(caller.Decode(Common::EmissionBase<float>(colMajor.data(), n, kN, 1, static_cast<std::int64_t>(n)), simple));
+        ASSERT_TRUE(caller.Decode(
+            Common::EmissionBase<float>(colMajor.data(), n, kN, 1, static_cast<std::int64_t>(n)), simple));
         EXPECT_EQ(simple, path);
         ASSERT_EQ(moves.size(), n);
         EXPECT_EQ(moves[0], 1);
         for (std::size_t r = 1; r < n; ++r) {
-            EXPECT_EQ(moves[r], brute.ranks[r] == 0 ? 0 : brute.ranks[r] < 5 ? 1 : 2) << "trial " << trial << " row " << r;
+            const int want = brute.ranks[r] == 0 ? 0 : brute.ranks[r] < 5 ? 1 : 2;
+            EXPECT_EQ(moves[r], want) << "trial " << trial << " row " << r;
         }
         // Trials with several optimal paths are the ones where the tie rules decide.
         ties += brute.optimalPaths > 1;
@@ -122,7 +125,7 @@ TEST(Caller, TransitionExpectationsOfOneHotPath) {
 
 TEST(StateMoves, SmallestNumberOfNewBases) {
     // k = 3: 0b00'01'10 (ACG) -> CGT is one base, GTA two, TAC three (no overlap).
-    const int acg = 0 * 16 + 1 * 4 + 2, cgt = 1 * 16 + 2 * 4 + 3, gta = 2 * 16 + 3 * 4 + 0, tac = 3 * 16 + 0 + 1;
+    const int acg = 0 * 16 + 1 * 4 + 2, cgt = 1 * 16 + 2 * 4 + 3, gta = 2 * 16 + 3 * 4, tac = 3 * 16 + 1;
     const int to[] = {acg, cgt, gta, tac};
     for (int k = 0; k < 4; ++k) EXPECT_EQ(BasecallHMM::MoveBetweenStates(acg, to[k], 3), k);
     std::vector<signed char> moves;
@@ -148,7 +151,8 @@ TEST(HmmKernels, EveryBuildMatchesTheReference) {
             }
             post[n] = uni(rng);
             const bool skips = trial % 4 >= 2;  // then ties among a skip's sixteen sources decide too
-            const kernels::TransParams tp{skips ? 0.01f : 0.5f, 0.1f, skips ? 0.5f : 0.01f, trial % 3 == 0 ? 0.0f : 0.001f};
+            const kernels::TransParams tp{skips ? 0.01f : 0.5f, 0.1f, skips ? 0.5f : 0.01f,
+                                          trial % 3 == 0 ? 0.0f : 0.001f};
             // Every output of every row kernel, as bytes for an exact comparison.
             auto run = [&](const kernels::KernelSet* k) {
                 std::vector<float> d(n), t(n), work(kernels::WorkspaceFloats(n));
@@ -157,12 +161,15 @@ TEST(HmmKernels, EveryBuildMatchesTheReference) {
                 int leak = 0;
                 const float sums[3] = {
                     k->decodeRow(n, prev.data(), em.data(), d.data(), codes.data(), tp, work.data(), &leak),
-                    k->transducerRow(n, prev.data(), post.data(), post[n], t.data(), trace.data(), work.data()),
+                    k->transducerRow(n, prev.data(), post.data(), post[n], t.data(), trace.data(),
+                                     work.data()),
                     k->sumRow(n, em.data())};
                 k->scaleRow(n, d.data(), 1.0f / sums[0]);
                 std::string out(reinterpret_cast<const char*>(sums), sizeof sums);
-                out.append(reinterpret_cast<const char*>(d.data()), n * 4).append(reinterpret_cast<const char*>(t.data()), n * 4);
-                out.append(reinterpret_cast<const char*>(codes.data()), n).append(reinterpret_cast<const char*>(trace.data()), n * 4);
+                out.append(reinterpret_cast<const char*>(d.data()), n * 4)
+                    .append(reinterpret_cast<const char*>(t.data()), n * 4);
+                out.append(reinterpret_cast<const char*>(codes.data()), n)
+                    .append(reinterpret_cast<const char*>(trace.data()), n * 4);
                 return out + std::to_string(leak);
             };
             const std::string ref = run(sets[0]);

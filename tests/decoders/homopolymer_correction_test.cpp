@@ -6,6 +6,7 @@
 #include "decoders/homopolymer_correction.h"
 
 using BasecallCommon::homopolymerDwellCorrection;
+using Dwells = std::vector<unsigned long>;
 
 namespace {
 // k = 3 states.
@@ -13,7 +14,7 @@ constexpr int AAA = 0, ACG = 6, CGT = 27, GTT = 47, TTT = 63, TTA = 60;
 
 template <typename T>
 int correct(std::vector<int> states, const std::vector<T>& lengths, std::vector<signed char>& moves) {
-    return homopolymerDwellCorrection(Common::VecView<int>(states.data(), states.size(), 1), lengths, moves, 64);
+    return homopolymerDwellCorrection(Common::VecView<int>(states), lengths, moves, 64);
 }
 }  // namespace
 
@@ -21,7 +22,7 @@ TEST(HomopolymerDwellCorrection, RunAtEventZeroKeepsFirstMoveOne) {
     // Mean dwell: (50 / 3 + 50) / 4 = 16.67 samples per base; the run of 30 samples wants 2 bases. Event
     // 0 stays at exactly 1, and the sweep gives the second base to the next event of the run.
     std::vector<signed char> moves{1, 0, 0, 1, 1};
-    const int change = correct({AAA, AAA, AAA, ACG, CGT}, std::vector<unsigned long>{10, 10, 10, 10, 10}, moves);
+    const int change = correct({AAA, AAA, AAA, ACG, CGT}, Dwells{10, 10, 10, 10, 10}, moves);
     EXPECT_EQ(moves, (std::vector<signed char>{1, 1, 0, 1, 1}));
     EXPECT_EQ(change, 1);
 }
@@ -51,7 +52,7 @@ TEST(HomopolymerDwellCorrection, CapsAndShortfall) {
     // 3 / 3 = 1, the first is raised to its old move capped at (k + 1) / 2 = 2, and the excess base is
     // taken from the run's end.
     std::vector<signed char> many{1, 1, 1, 3, 3, 3};
-    const int fewer = correct({ACG, CGT, GTT, TTT, TTT, TTT}, std::vector<unsigned long>{9, 9, 9, 8, 8, 8}, many);
+    const int fewer = correct({ACG, CGT, GTT, TTT, TTT, TTT}, Dwells{9, 9, 9, 8, 8, 8}, many);
     EXPECT_EQ(many, (std::vector<signed char>{1, 1, 1, 2, 1, 0}));
     EXPECT_EQ(fewer, -6);
 
@@ -69,7 +70,6 @@ TEST(HomopolymerDwellCorrection, CapsAndShortfall) {
     std::vector<signed char> bad{1, 1};
     EXPECT_THROW(correct({ACG}, std::vector<unsigned long>{1, 1}, bad), std::runtime_error);
     std::vector<int> st{0, 0};
-    EXPECT_THROW(homopolymerDwellCorrection(Common::VecView<int>(st.data(), 2, 1), std::vector<unsigned long>{1, 1},
-                                            bad, 100),
+    EXPECT_THROW(homopolymerDwellCorrection(Common::VecView<int>(st), Dwells{1, 1}, bad, 100),
                  std::runtime_error);
 }

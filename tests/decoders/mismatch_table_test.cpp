@@ -18,13 +18,15 @@ namespace {
 std::string table(int rows, const std::string& column) {
     std::ostringstream out;
     out << "kmer\t" << column << "\n";
-    for (int k = 0; k < rows; ++k) out << k << "\t" << (k == 64 * 3 + 7 ? "" : k / 64 == k % 64 ? "0.5" : "0.01") << "\n";
+    for (int k = 0; k < rows; ++k)
+        out << k << "\t" << (k == 64 * 3 + 7 ? "" : k / 64 == k % 64 ? "0.5" : "0.01") << "\n";
     return out.str();
 }
 
 TEST(MismatchTable, LoadsRowMajorIntegerLogsOrSaysWhatIsWrong) {
     TestSupport::TempDir dir;
-    const PairAlignment::MismatchMatrix m = PairAlignment::LoadMismatchMatrix(dir.File("good.txt", table(4096, "prob")));
+    const PairAlignment::MismatchMatrix m =
+        PairAlignment::LoadMismatchMatrix(dir.File("good.txt", table(4096, "prob")));
     ASSERT_EQ(m.values.size(), 4096u);
     EXPECT_EQ(m.View()(5, 5), -69);   // logf(0.5) * 100 = -69.3
     EXPECT_EQ(m.View()(5, 6), -460);  // logf(0.01) * 100 = -460.5

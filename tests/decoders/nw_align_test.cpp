@@ -24,14 +24,14 @@ std::int64_t bruteForceBest(const std::vector<int>& first, const std::vector<int
                             const std::vector<int>& matrix, int size, const std::vector<int>& g) {
     const int n = static_cast<int>(first.size()), m = static_cast<int>(second.size());
     std::int64_t best = std::numeric_limits<std::int64_t>::min();
-    std::function<void(int, int, int, std::int64_t)> walk = [&](int i, int j, int previous, std::int64_t score) {
+    std::function<void(int, int, int, std::int64_t)> walk = [&](int i, int j, int last, std::int64_t score) {
         if (i == n && j == m) {
             best = std::max(best, score);
             return;
         }
         if (i < n && j < m) walk(i + 1, j + 1, 0, score + matrix[first[i] * size + second[j]]);
-        if (i < n) walk(i + 1, j, 1, score - (j == 0 ? g[4] : j == m ? g[5] : previous == 1 ? g[7] : g[6]));
-        if (j < m) walk(i, j + 1, 2, score - (i == 0 ? g[0] : i == n ? g[1] : previous == 2 ? g[3] : g[2]));
+        if (i < n) walk(i + 1, j, 1, score - (j == 0 ? g[4] : j == m ? g[5] : last == 1 ? g[7] : g[6]));
+        if (j < m) walk(i, j + 1, 2, score - (i == 0 ? g[0] : i == n ? g[1] : last == 2 ? g[3] : g[2]));
     };
     walk(0, 0, 0, 0);
     return best;
@@ -77,9 +77,10 @@ TEST(NWAlign, PathsAtTiesAndEdges) {
         {soft, startFifty, {0}, {1}, -100, {{0, 0}}},
         // The two gap orders tie at -100; at cell (1, 1) M < A == B, so the a-gap matrix is taken first.
         {harsh, startFifty, {0}, {1}, -100, {{-1, 0}, {0, -1}}},
-        // a0-b0, a gap over b1 b2, a1-b3 scores -120, but at (1, 2) the b-gap value only ties the match, and a
-        // tie goes to the match: the trace-back leaves the gap run and returns a path worth -400.
-        {soft, {100, 100, 300, 20, 100, 100, 300, 20}, {0, 0}, {0, 1, 1, 0}, -120, {{-1, 0}, {0, 1}, {-1, 2}, {1, 3}}},
+        // a0-b0, a gap over b1 b2, a1-b3 scores -120, but at (1, 2) the b-gap value only ties the match, and
+        // a tie goes to the match: the trace-back leaves the gap run and returns a path worth -400.
+        {soft, {100, 100, 300, 20, 100, 100, 300, 20}, {0, 0}, {0, 1, 1, 0}, -120,
+         {{-1, 0}, {0, 1}, {-1, 2}, {1, 3}}},
     };
     for (const auto& c : cases) {
         NWAlign aligner(Common::MatView<const int>(c.matrix.data(), 2, 2, 2, 1), c.gaps);

@@ -15,10 +15,12 @@ using BasecallMD::StrandEventIndex;
 
 TEST(StrandEventIndex, RawAndEventBasedIndices) {
     StrandEventIndex raw(10, 105, 60), events({3, 5, 9}, 20, {0, 4}, 8);
+    // Sample 1000 of strand 2 is clamped to its last, 59; event sample 1 comes before the first start.
     const struct { const StrandEventIndex& index; int strand; std::uint64_t sample; int event; } cases[] = {
-        {raw, 0, 0, 0}, {raw, 0, 19, 1}, {raw, 1, 1000, 5} /* clamped to sample 59 */, {events, 0, 1, 0} /* before the first start */,
-        {events, 0, 5, 1}, {events, 0, 8, 1}, {events, 0, 500, 2}, {events, 1, 4, 1}};
-    for (const auto& c : cases) EXPECT_EQ(c.index.Index(c.strand, c.sample), c.event) << c.strand << " " << c.sample;
+        {raw, 0, 0, 0}, {raw, 0, 19, 1}, {raw, 1, 1000, 5}, {events, 0, 1, 0}, {events, 0, 5, 1},
+        {events, 0, 8, 1}, {events, 0, 500, 2}, {events, 1, 4, 1}};
+    for (const auto& c : cases)
+        EXPECT_EQ(c.index.Index(c.strand, c.sample), c.event) << c.strand << " " << c.sample;
     EXPECT_EQ(raw.EventCount(0) * 10 + raw.EventCount(1), 106);
     EXPECT_EQ(events.EventCount(0), 3);
     EXPECT_EQ(TestSupport::ErrorOf([&] { raw.Index(2, 0); }), "Invalid value of strand for Index() method.");
@@ -29,8 +31,9 @@ TEST(BandPath, AnchorsAreJoinedOneEventAtATime) {
     // Without a prior map the last pair is the only anchor.
     EXPECT_EQ(BasecallMD::buildBandPath({}, 10, index), (BandPath{{4, 2}}));
     // Anchors (0, 0), (2, 1) then the end (4, 2): strand 1 is the longer side of both legs.
-    EXPECT_EQ(BasecallMD::buildBandPath({0, 12}, 20, index), (BandPath{{0, 0}, {1, 1}, {2, 1}, {3, 2}, {4, 2}}));
-    // Strand 2 longer: x steps by 1/3 and rounds to nearest. An anchor equal to the position in hand is skipped.
+    EXPECT_EQ(BasecallMD::buildBandPath({0, 12}, 20, index),
+              (BandPath{{0, 0}, {1, 1}, {2, 1}, {3, 2}, {4, 2}}));
+    // Strand 2 longer: x steps by 1/3 and rounds to nearest. An anchor at the position in hand is skipped.
     EXPECT_EQ(BasecallMD::buildBandPath({0}, 10, tall), (BandPath{{0, 0}, {0, 1}, {1, 2}, {1, 3}}));
     EXPECT_EQ(BasecallMD::buildBandPath({0, 0, 0}, 1, tall), (BandPath{{0, 0}, {0, 1}, {1, 2}, {1, 3}}));
 }

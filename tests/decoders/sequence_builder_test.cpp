@@ -10,6 +10,8 @@
 using BasecallCommon::BuildSequence;
 using BasecallCommon::QualityChar;
 using TestSupport::ErrorOf;
+using States = std::vector<int>;
+using Moves = std::vector<signed char>;
 
 namespace {
 
@@ -38,7 +40,8 @@ struct Calibration {
 TEST(QualityChar, ClampsAndRounds) {
     // q 10, infinite clamped to 90, q 0 clamped to 1, q 20, 10 * 2 + 1, clamped after scaling.
     const struct { float p, offset, scale; char want; } cases[] = {
-        {0.9f, 0, 1, '+'}, {1.0f, 0, 1, '{'}, {0.0f, 0, 1, '"'}, {0.99f, 0, 1, '5'}, {0.9f, 1, 2, '6'}, {0.99f, 0, 10, '{'}};
+        {0.9f, 0, 1, '+'}, {1.0f, 0, 1, '{'}, {0.0f, 0, 1, '"'}, {0.99f, 0, 1, '5'}, {0.9f, 1, 2, '6'},
+        {0.99f, 0, 10, '{'}};
     for (const auto& c : cases) EXPECT_EQ(QualityChar(c.p, c.offset, c.scale), c.want) << c.p;
 }
 
@@ -71,11 +74,11 @@ TEST(SequenceBuilder, RefusesInconsistentInput) {
     std::vector<float> q(24, 0.25f);
     const Common::MatView<const float> two(q.data(), 2, 12, 12);
     std::string seq = "x", qual = "x";
-    EXPECT_NE(ErrorOf([&] { BuildSequence(Calibration{}, two, std::vector<int>{0}, std::vector<signed char>{1}, seq, qual); }),
+    EXPECT_NE(ErrorOf([&] { BuildSequence(Calibration{}, two, States{0}, Moves{1}, seq, qual); }),
               "<no error>");  // fewer states than rows
-    EXPECT_NE(ErrorOf([&] { BuildSequence(Calibration{}, two, std::vector<int>{0, 0}, std::vector<signed char>{1, 4}, seq, qual); }),
+    EXPECT_NE(ErrorOf([&] { BuildSequence(Calibration{}, two, States{0, 0}, Moves{1, 4}, seq, qual); }),
               "<no error>");  // a move longer than k
-    BuildSequence(Calibration{}, Common::MatView<const float>(), std::vector<int>{}, std::vector<signed char>{}, seq, qual);
+    BuildSequence(Calibration{}, Common::MatView<const float>(), States{}, Moves{}, seq, qual);
     EXPECT_EQ(seq + qual, "");
 }
 
@@ -97,12 +100,15 @@ TEST(QualityMatrix, LayoutChecksAndProduct) {
     m.Apply(postView, dataView);
     EXPECT_EQ(data, want);
 
+    const auto dataOf = [&](std::size_t rows, std::size_t cols, std::int64_t stride) {
+        return Common::MatView<float>(data.data(), rows, cols, stride);
+    };
+    const char* size = "Size mismatch in GetQualityData() function.";
     struct { Common::MatView<float> post, data; const char* error; } bad[] = {
         {Common::MatView<float>(post.data(), 2, 32, 64, 2), dataView,
          "Posteriors must be dense and row-major for GetQualityData() function."},
-        {postView, Common::MatView<float>(data.data(), 2, 12, 8), "Data must be dense and row-major for GetQualityData() function."},
-        {postView, Common::MatView<float>(data.data(), 1, 12, 16), "Size mismatch in GetQualityData() function."},
-        {postView, Common::MatView<float>(data.data(), 2, 8, 16), "Size mismatch in GetQualityData() function."},
-        {postView, Common::MatView<float>(data.data(), 2, 16, 16), "Size mismatch in GetQualityData() function."}};
+        {postView, dataOf(2, 12, 8), "Data must be dense and row-major for GetQualityData() function."},
+        {postView, dataOf(1, 12, 16), size}, {postView, dataOf(2, 8, 16), size},
+        {postView, dataOf(2, 16, 16), size}};
     for (auto& c : bad) EXPECT_EQ(ErrorOf([&] { m.Apply(c.post, c.data); }), c.error);
 }

@@ -18,7 +18,8 @@ brute_force::Edges modelEdges(const std::vector<std::vector<double>>& post, doub
     return [&post, stayPenalty](std::size_t r, int p, const brute_force::Offer& offer) {
         offer(p, 0, post[r][kN] * stayPenalty);
         for (int b = 0; b < 4; ++b) offer((p % 16) * 4 + b, 10 + p / 16, post[r][(p % 16) * 4 + b]);
-        for (int b = 0; b < 16; ++b) offer((p % 4) * 16 + b, 100 + (p % 16 / 4) * 10 + p / 16, post[r][(p % 4) * 16 + b]);
+        for (int b = 0; b < 16; ++b)
+            offer((p % 4) * 16 + b, 100 + (p % 16 / 4) * 10 + p / 16, post[r][(p % 4) * 16 + b]);
     };
 }
 
@@ -49,7 +50,8 @@ TEST(TransducerDecode, MatchesBruteForceIncludingTies) {
         ASSERT_EQ(moves.size(), n);
         EXPECT_EQ(moves[0], 1);
         for (std::size_t r = 1; r < n; ++r) {
-            EXPECT_EQ(moves[r], brute.ranks[r] == 0 ? 0 : brute.ranks[r] < 100 ? 1 : 2) << "trial " << trial << " row " << r;
+            const int want = brute.ranks[r] == 0 ? 0 : brute.ranks[r] < 100 ? 1 : 2;
+            EXPECT_EQ(moves[r], want) << "trial " << trial << " row " << r;
         }
         double total = 0;
         for (double v : brute.bestEnding) total += v;
@@ -60,7 +62,7 @@ TEST(TransducerDecode, MatchesBruteForceIncludingTies) {
     EXPECT_GT(tieTrials, 10);
 }
 
-TEST(TransducerDecode, RefusesOtherWidthsAndZeroRows) {
+TEST(TransducerDecode, RefusalsAndHomopolymerRecount) {
     std::vector<int> states;
     std::vector<signed char> moves;
     float score = 0;
@@ -70,9 +72,7 @@ TEST(TransducerDecode, RefusesOtherWidthsAndZeroRows) {
         Common::MatView<float> view(post.data(), 3, width, static_cast<std::int64_t>(width));
         EXPECT_FALSE(BasecallHMM::TransducerDecode(view, states, moves, score, 1.0f, false)) << width;
     }
-}
 
-TEST(TransducerDecode, HomopolymerRecountUsesArrivalChances) {
     // State 0 kept over rows 0..3; arriving at 0 again has the chances 0.3, 0.45, 0.4: 1 + 1.15 + 0.5
     // truncates to 2 bases, so the extra base goes to row 2, the likeliest.
     const double arrive[] = {0.0, 0.3, 0.45, 0.4};
@@ -83,9 +83,6 @@ TEST(TransducerDecode, HomopolymerRecountUsesArrivalChances) {
         post[r * (kN + 1) + kN] = static_cast<float>(1.0 - arrive[r]);
     }
     Common::MatView<float> view(post.data(), 4, kN + 1, kN + 1);
-    std::vector<int> states;
-    std::vector<signed char> moves;
-    float score = 0;
     TransducerDecoder decoder;
     ASSERT_TRUE(decoder.Decode(view, states, moves, score, 1.0f, false));
     EXPECT_EQ(states, (std::vector<int>{0, 0, 0, 0}));

@@ -63,7 +63,8 @@ Result referenceDecode(const Input& in) {
             const int X2 = j < in.n2 - 1 ? L(1 - in.stay2[j + 1]) : 0;
             const int X1 = i < in.n1 - 1 ? L(1 - in.stay1[i + 1]) : 0;
             const long stay[3] = {S1 + S2, S1, S2};
-            const long step[3] = {ns1 + ns2 + M1 + M2 - 139, ns1 + sk2 + M1 - 139 + X2, ns2 + sk1 + M2 - 139 + X1};
+            const long step[3] = {ns1 + ns2 + M1 + M2 - 139, ns1 + sk2 + M1 - 139 + X2,
+                                  ns2 + sk1 + M2 - 139 + X1};
             const long skip[3] = {sk1 + sk2 + M1 + M2 - 277, sk1 + 2 * sk2 + M1 - 277 + X2,
                                   2 * sk1 + sk2 + M2 - 277 + X1};
             const bool first = j == 0 && i == in.bandStart[0];
@@ -96,7 +97,8 @@ Result referenceDecode(const Input& in) {
             }
             Cell& cell = cells[{i, j}];
             for (int s = 0; s < W; ++s) {
-                const int d = best[0][s] >= best[1][s] && best[0][s] >= best[2][s] ? 0 : (best[1][s] > best[2][s] ? 1 : 2);
+                const bool stay = best[0][s] >= best[1][s] && best[0][s] >= best[2][s];
+                const int d = stay ? 0 : (best[1][s] > best[2][s] ? 1 : 2);
                 cell.score.push_back(best[d][s]);
                 cell.from.push_back(from[d][s]);
                 cell.direction.push_back(d);
@@ -140,7 +142,8 @@ void randomBand(std::mt19937& rng, Input& in) {
     for (int j = 0; j < in.n2; ++j) {
         int lo = 0, hi = 0;
         if (j > 0) {
-            lo = std::uniform_int_distribution<int>(in.bandStart[j - 1], std::min(in.bandEnd[j - 1] + 1, in.n1 - 1))(rng);
+            lo = std::uniform_int_distribution<int>(in.bandStart[j - 1],
+                                                    std::min(in.bandEnd[j - 1] + 1, in.n1 - 1))(rng);
             hi = std::max(lo, in.bandEnd[j - 1]);
         }
         hi = std::uniform_int_distribution<int>(hi, std::min(in.n1 - 1, std::max(hi, lo + 4)))(rng);
@@ -158,7 +161,8 @@ Input randomInput(std::mt19937& rng, int N, int n1, int n2) {
         for (auto& x : out) x = pick(rng, values);
         return out;
     };
-    const std::vector<float> post = {0.0f, 0.001f, 0.01f, 0.1f, 0.25f, 0.5f, 1.0f}, stays = {0.0f, 0.1f, 0.5f, 0.9f, 1.0f};
+    const std::vector<float> post = {0.0f, 0.001f, 0.01f, 0.1f, 0.25f, 0.5f, 1.0f},
+                             stays = {0.0f, 0.1f, 0.5f, 0.9f, 1.0f};
     in.post1 = draw(n1 * N, post);
     in.post2 = draw(n2 * N, post);
     in.stay1 = draw(n1, stays);
@@ -175,9 +179,9 @@ Result decode(ViterbiMD& decoder, Input& in) {
     Result r;
     r.score = static_cast<long>(decoder.Call(Common::MatView<float>(in.post1.data(), in.n1, in.N, in.N),
                                              Common::MatView<float>(in.post2.data(), in.n2, in.N, in.N),
-                                             Common::VecView<float>(in.stay1), Common::VecView<float>(in.stay2),
-                                             in.bandStart, in.bandEnd, in.startScores, r.alignment, r.states,
-                                             in.skip1, in.skip2));
+                                             Common::VecView<float>(in.stay1),
+                                             Common::VecView<float>(in.stay2), in.bandStart, in.bandEnd,
+                                             in.startScores, r.alignment, r.states, in.skip1, in.skip2));
     r.moves = decoder.Moves();
     return r;
 }
@@ -209,7 +213,8 @@ Input tieRichInput(std::mt19937& rng, int N, int maxEvents, int trial) {
     return in;
 }
 
-// Every kernel build against the direct decoder, reused as a worker reuses its own; at 320 states the last 64 take no part.
+// Every kernel build against the direct decoder, reused as a worker reuses its own; at 320 states the
+// last 64 take no part.
 TEST(ViterbiMD, MatchesDirectDecoderOnRandomBands) {
     std::mt19937 rng(1234);
     for (const auto& [N, trials] : {std::pair<int, int>{256, 100}, {320, 60}, {1024, 20}}) {
@@ -226,13 +231,12 @@ TEST(ViterbiMD, MatchesDirectDecoderOnRandomBands) {
                 expectSame(decode(*decoder, in), want,
                            "states " + std::to_string(N) + " trial " + std::to_string(trial) + " kernel " +
                                BasecallCommon::IsaName(decoder->Kernel()));
-                if (::testing::Test::HasFailure()) {
-                    return;
-                }
+                if (::testing::Test::HasFailure()) return;
             }
             if (trial % 7 == 6) {  // negative skip probabilities keep the scores of the last call
                 in.skip1 = in.skip2 = -1.0f;
-                expectSame(decode(*decoders.back(), in), want, "negative skips, trial " + std::to_string(trial));
+                expectSame(decode(*decoders.back(), in), want,
+                           "negative skips, trial " + std::to_string(trial));
             }
         }
     }
@@ -241,9 +245,20 @@ TEST(ViterbiMD, MatchesDirectDecoderOnRandomBands) {
 TEST(ViterbiMD, EventScoresAreTheIntegerLogsOnEveryBuild) {
     // Special values, every probability at which the score changes (100 ln x crossing an integer) with
     // its neighbouring floats, where a fast logarithm would slip first, and random bit patterns.
-    std::vector<float> x = {0.0f, -0.0f, -1.0f, 1e-10f, 1e-11f, 1.0f, 2.0f, 1e30f, std::numeric_limits<float>::max(),
-                            std::numeric_limits<float>::denorm_min(), std::numeric_limits<float>::infinity(),
-                            -std::numeric_limits<float>::infinity(), std::numeric_limits<float>::quiet_NaN()};
+    using Limits = std::numeric_limits<float>;
+    std::vector<float> x = {0.0f,
+                            -0.0f,
+                            -1.0f,
+                            1e-10f,
+                            1e-11f,
+                            1.0f,
+                            2.0f,
+                            1e30f,
+                            Limits::max(),
+                            Limits::denorm_min(),
+                            Limits::infinity(),
+                            -Limits::infinity(),
+                            Limits::quiet_NaN()};
     for (int k = -2400; k <= 200; ++k) {
         float v = static_cast<float>(std::exp(k / 100.0));
         for (int u = 0; u < 4; ++u) v = std::nextafter(v, 0.0f);
@@ -261,9 +276,8 @@ TEST(ViterbiMD, EventScoresAreTheIntegerLogsOnEveryBuild) {
     for (KernelIsa isa : AvailableKernels()) {
         std::vector<std::int32_t> got(x.size());
         BasecallMD::GetEventScoreKernel(isa)(x.data(), static_cast<int>(x.size()), got.data());
-        for (std::size_t k = 0; k < x.size(); ++k) {
+        for (std::size_t k = 0; k < x.size(); ++k)
             ASSERT_EQ(got[k], want[k]) << "x = " << x[k] << " kernel " << BasecallCommon::IsaName(isa);
-        }
     }
 }
 

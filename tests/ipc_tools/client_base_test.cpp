@@ -39,7 +39,8 @@ void serveOne(void* socket) {
 }
 
 std::string bodyText(const Message& reply) {
-    return std::string(reinterpret_cast<const char*>(reply.GeneralData().data), reply.GeneralData().DataSize());
+    return std::string(reinterpret_cast<const char*>(reply.GeneralData().data),
+                       reply.GeneralData().DataSize());
 }
 }  // namespace
 
@@ -87,7 +88,8 @@ TEST(ClientBase, RoundTripsBadRepliesAndSilence) {
     ClientBase impatient("127.0.0.1:" + port, 25);
     EXPECT_FALSE(send(impatient, "lost", unanswered).get());
     EXPECT_TRUE(unanswered.Empty());
-    EXPECT_EQ(ErrorOf([&] { send(impatient, "too soon", unanswered).get(); }), ZmqError("zmq_msg_send", EFSM).what());
+    EXPECT_EQ(ErrorOf([&] { send(impatient, "too soon", unanswered).get(); }),
+              ZmqError("zmq_msg_send", EFSM).what());
     serveOne(socket);  // the late answer to "lost", which must not be taken for the next one
     impatient.Reconnect();
     auto recovered = send(impatient, "after reconnect", reply);

@@ -44,7 +44,7 @@ Message throughZmq(Message& message) {
 }
 
 // A field of `width` bytes (1, 4 or 8), or with width 0 a terminated text.
-struct Field { std::size_t offset; int width; std::uint64_t value; std::string text; };
+struct Field { std::size_t offset; int width; std::uint64_t value; std::string text = ""; };
 
 Message rawRead() {
     Message raw = Message::BuildRawRead(3, "call", "read_1", 0x1122334455667788ull, 0xA1B2C3D4u, 3);
@@ -59,7 +59,9 @@ Message rawRead() {
 Message calledRead(bool extra) {
     Message called = Message::BuildCalledRead(5, "done", "r2", 42, 43, 2, 3, extra);
     auto view = called.CalledReadData();
-    for (int i = 0; i < 2; ++i) view.first_array.Set(i, 11 + i), view.second_array.Set(i, 21 + i), view.third_array.Set(i, 31 + i);
+    for (int i = 0; i < 2; ++i) {
+        view.first_array.Set(i, 11 + i), view.second_array.Set(i, 21 + i), view.third_array.Set(i, 31 + i);
+    }
     std::copy_n("ACG", 3, view.sequence);
     std::copy_n("!#%", 3, view.quality);
     if (extra) {
@@ -73,7 +75,7 @@ Bytes generalFrame(std::uint32_t size) { return bytesOf(Message::BuildGeneral(1,
 Bytes rawFrame() { return bytesOf(rawRead()); }
 Bytes calledFrame() { return bytesOf(calledRead(true)); }
 
-// Receives `frame` as a Message: the error text ("<no error>" when accepted) and the bytes left in the source.
+// Receives `frame` as a Message: the error text ("<no error>" when accepted) and the bytes left behind.
 std::pair<std::string, std::size_t> receive(const Bytes& frame) {
     zmq_msg_t source;
     zmq_msg_init_size(&source, frame.size());
@@ -84,8 +86,11 @@ std::pair<std::string, std::size_t> receive(const Bytes& frame) {
     return {error, left};
 }
 
-const std::string kTooLarge = "Excessively large buffer size of 600000001 indicated. This is probably a garbage value.";
+const std::string kTooLarge =
+    "Excessively large buffer size of 600000001 indicated. This is probably a garbage value.";
 const std::string kCalledSize = "Incorrect buffer size for called read message data.";
+const std::string kRawSize = "Incorrect buffer size for raw read message data.";
+const std::string kBadType = "Unrecognized message type specified.";
 }  // namespace
 
 // Every byte not named by a field is zero; every frame survives the trip through ZeroMQ unchanged.
@@ -97,23 +102,24 @@ TEST(MessageLayout, EveryKindAtItsOffsetsAndThroughZmq) {
         std::vector<Field> fields;
     } kinds[] = {
         {"simple", [] { return Message::BuildSimple(0x0A0B0C0D, "ping"); }, 84,
-         {{0, 4, 1, ""}, {4, 4, 0x0A0B0C0D, ""}, {8, 4, 4, ""}, {12, 0, 0, "ping"}, {76, 4, 84, ""}}},
+         {{0, 4, 1}, {4, 4, 0x0A0B0C0D}, {8, 4, 4}, {12, 0, 0, "ping"}, {76, 4, 84}}},
         {"general", [] { return Message::BuildGeneral(7, "blob", 5); }, 89,
-         {{0, 4, 2, ""}, {4, 4, 7, ""}, {8, 4, 4, ""}, {12, 0, 0, "blob"}, {76, 4, 89, ""}, {80, 4, 5, ""}}},
+         {{0, 4, 2}, {4, 4, 7}, {8, 4, 4}, {12, 0, 0, "blob"}, {76, 4, 89}, {80, 4, 5}}},
         {"raw read", rawRead, 240,
-         {{0, 4, 3, ""}, {4, 4, 3, ""}, {8, 4, 4, ""}, {12, 0, 0, "call"}, {76, 4, 240, ""},
-          {80, 4, 156, ""},  // 144 + 4 * num_samples
-          {84, 4, 3, ""}, {88, 4, 0xA1B2C3D4u, ""}, {92, 8, 0x1122334455667788ull, ""}, {100, 0, 0, "read_1"},
-          {228, 4, 0x01020304u, ""}, {232, 4, 0xFFFFFFFFu, ""}, {236, 4, 7, ""}}},
+         {{0, 4, 3}, {4, 4, 3}, {8, 4, 4}, {12, 0, 0, "call"}, {76, 4, 240},
+          {80, 4, 156},  // 144 + 4 * num_samples
+          {84, 4, 3}, {88, 4, 0xA1B2C3D4u}, {92, 8, 0x1122334455667788ull}, {100, 0, 0, "read_1"},
+          {228, 4, 0x01020304u}, {232, 4, 0xFFFFFFFFu}, {236, 4, 7}}},
         {"called read with extra", [] { return calledRead(true); }, 84 + 186 + 18 + 6 + 16,
-         {{0, 4, 4, ""}, {4, 4, 5, ""}, {8, 4, 4, ""}, {12, 0, 0, "done"}, {76, 4, 310, ""}, {80, 4, 226, ""},
-          {88, 4, 43, ""}, {92, 8, 42, ""}, {100, 0, 0, "r2"}, {228, 4, 2, ""}, {232, 4, 3, ""}, {264, 4, 1, ""},
-          {268, 4, 11, ""}, {272, 4, 12, ""}, {276, 4, 21, ""}, {280, 4, 22, ""},  // 268, 268 + 4n
-          {284, 1, 31, ""}, {285, 1, 32, ""}, {286, 0, 0, "ACG"}, {290, 0, 0, "!#%"},  // 268 + 8n, + 9n, + L + 1
-          {294, 8, 0x0102030405060708ull, ""}, {302, 8, 9, ""}}},                      // 270 + 9n + 2L
+         {{0, 4, 4}, {4, 4, 5}, {8, 4, 4}, {12, 0, 0, "done"}, {76, 4, 310}, {80, 4, 226},
+          {88, 4, 43}, {92, 8, 42}, {100, 0, 0, "r2"}, {228, 4, 2}, {232, 4, 3}, {264, 4, 1},
+          {268, 4, 11}, {272, 4, 12}, {276, 4, 21}, {280, 4, 22},  // 268, 268 + 4n
+          {284, 1, 31}, {285, 1, 32}, {286, 0, 0, "ACG"}, {290, 0, 0, "!#%"},  // 268 + 8n, + 9n, + L + 1
+          {294, 8, 0x0102030405060708ull}, {302, 8, 9}}},                      // 270 + 9n + 2L
         // With the extra flag and no events the size does not change.
-        {"called read without events or bases", [] { return Message::BuildCalledRead(0, "d", "", 0, 0, 0, 0, true); },
-         84 + 186, {{0, 4, 4, ""}, {8, 4, 4, ""}, {12, 0, 0, "d"}, {76, 4, 270, ""}, {80, 4, 186, ""}, {264, 4, 1, ""}}},
+        {"called read without events or bases",
+         [] { return Message::BuildCalledRead(0, "d", "", 0, 0, 0, 0, true); }, 84 + 186,
+         {{0, 4, 4}, {8, 4, 4}, {12, 0, 0, "d"}, {76, 4, 270}, {80, 4, 186}, {264, 4, 1}}},
     };
     for (const auto& kind : kinds) {
         SCOPED_TRACE(kind.name);
@@ -130,7 +136,8 @@ TEST(MessageLayout, EveryKindAtItsOffsetsAndThroughZmq) {
             }
             std::fill(named.begin() + f.offset, named.begin() + f.offset + width, true);
         }
-        for (std::size_t i = 0; i < sent.size(); ++i) EXPECT_TRUE(named[i] || sent[i] == 0) << "stray byte at " << i;
+        for (std::size_t i = 0; i < sent.size(); ++i)
+            EXPECT_TRUE(named[i] || sent[i] == 0) << "stray byte at " << i;
         Message received = throughZmq(message);
         EXPECT_TRUE(message.Empty());
         EXPECT_EQ(bytesOf(received), sent);
@@ -143,7 +150,8 @@ TEST(MessageLayout, LengthAndSizeLimits) {
     EXPECT_EQ(Message::BuildSimple(0, command63).SimpleData().Command(), command63);
     EXPECT_EQ(Message::BuildRawRead(0, command63, id127, 0, 0, 0).RawReadData().ReadId(), id127);
     const struct { std::function<void()> build; std::string error; } cases[] = {
-        {[] { Message::BuildGeneral(0, std::string(64, 'c'), 1); }, "Command string maximum length is 63 characters."},
+        {[] { Message::BuildGeneral(0, std::string(64, 'c'), 1); },
+         "Command string maximum length is 63 characters."},
         {[] { Message::BuildCalledRead(0, "c", std::string(128, 'r'), 0, 0, 1, 1, true); },
          "Read id string maximum length is 127 characters."},
         {[] { Message::BuildGeneral(0, "big", 600000001); },
@@ -177,32 +185,34 @@ TEST(MessageChecks, EveryDamageIsRefusedWithItsMessage) {
         {"old protocol", simpleFrame(), [](Bytes& f) { putU32(f, 8, 3); },
          "Message with protocol version 3 received, but 4 expected.", 84},
         // Excessive size wins over every other fault, and the body is never touched.
-        {"huge body and bad type", generalFrame(0), [](Bytes& f) { putU32(f, 80, 600000001), putU32(f, 0, 9); },
-         kTooLarge, 0},
+        {"huge body and bad type", generalFrame(0),
+         [](Bytes& f) { putU32(f, 80, 600000001), putU32(f, 0, 9); }, kTooLarge, 0},
         {"total size disagrees", generalFrame(4), [](Bytes& f) { putU32(f, 76, 84); },
          "Message data buffer is incorrectly initialized.", -1},
         // Also unterminated: the type is reported first.
-        {"type 0", simpleFrame(), [](Bytes& f) { putU32(f, 0, 0), f[75] = 'x'; }, "Unrecognized message type specified.", -1},
-        {"type 5", simpleFrame(), [](Bytes& f) { putU32(f, 0, 5), f[75] = 'x'; }, "Unrecognized message type specified.", -1},
-        {"unterminated command", simpleFrame(), [](Bytes& f) { f[75] = 'x'; }, "Command string is not null terminated.", -1},
+        {"type 0", simpleFrame(), [](Bytes& f) { putU32(f, 0, 0), f[75] = 'x'; }, kBadType, -1},
+        {"type 5", simpleFrame(), [](Bytes& f) { putU32(f, 0, 5), f[75] = 'x'; }, kBadType, -1},
+        {"unterminated command", simpleFrame(), [](Bytes& f) { f[75] = 'x'; },
+         "Command string is not null terminated.", -1},
         // The frame must hold what its header says, or the views would read past it.
         {"frame shorter than its header says", generalFrame(16), [](Bytes& f) { f.resize(84); },
          "Message frame of 84 bytes does not match its indicated total size of 100 bytes.", -1},
-        {"simple with a body", simpleFrame(), [](Bytes& f) { f.resize(88), putU32(f, 76, 88), putU32(f, 80, 4); },
+        {"simple with a body", simpleFrame(),
+         [](Bytes& f) { f.resize(88), putU32(f, 76, 88), putU32(f, 80, 4); },
          "DataSize field should be zero for a simple message.", -1},
         {"raw read too small", generalFrame(143), [](Bytes& f) { putU32(f, 0, 3); },
          "Not enough size reserved for raw read message type.", -1},
-        {"one sample fewer", rawFrame(), [](Bytes& f) { putU32(f, 84, 2); },
-         "Incorrect buffer size for raw read message data.", -1},
+        {"one sample fewer", rawFrame(), [](Bytes& f) { putU32(f, 84, 2); }, kRawSize, -1},
         // 4 * num_samples wraps 32 bits to 12: must still be refused.
-        {"sample count wraps", rawFrame(), [](Bytes& f) { putU32(f, 84, 0x40000003); },
-         "Incorrect buffer size for raw read message data.", -1},
+        {"sample count wraps", rawFrame(), [](Bytes& f) { putU32(f, 84, 0x40000003); }, kRawSize, -1},
         {"called read too small", generalFrame(183), [](Bytes& f) { putU32(f, 0, 4); },
          "Not enough size reserved for called read message data.", -1},
-        {"extra array claimed but dropped", calledFrame(), [](Bytes& f) { putU32(f, 264, 0); }, kCalledSize, -1},
+        {"extra array claimed but dropped", calledFrame(), [](Bytes& f) { putU32(f, 264, 0); }, kCalledSize,
+         -1},
         {"one event more", calledFrame(), [](Bytes& f) { putU32(f, 228, 3); }, kCalledSize, -1},
         {"event count wraps", calledFrame(), [](Bytes& f) { putU32(f, 228, 0xFFFFFFFFu); }, kCalledSize, -1},
-        {"any non-zero has_extra counts as set", calledFrame(), [](Bytes& f) { putU32(f, 264, 7); }, "<no error>", 0},
+        {"any non-zero has_extra counts as set", calledFrame(), [](Bytes& f) { putU32(f, 264, 7); },
+         "<no error>", 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -25,7 +25,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def do_POST(self):
         body = self.rfile.read(int(self.headers.get("Content-Length", "0"))).decode("utf-8")
         with open(args.records, "a", encoding="utf-8") as out:
-            out.write(json.dumps({"path": self.path, "headers": list(self.headers.items()), "body": body}) + "\n")
+            record = {"path": self.path, "headers": list(self.headers.items()), "body": body}
+            out.write(json.dumps(record) + "\n")
         status = {"/redirect": 307, "/error": 500}.get(self.path, 200)
         self.send_response(status)
         if status == 307:

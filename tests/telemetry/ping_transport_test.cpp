@@ -23,7 +23,8 @@ std::string header(const rapidjson::Value& record, const std::string& name) {
 
 // Two runs with a called read each (four documents); returns what Finish printed on standard error
 // and the file's documents in the compact form a ping carries.
-std::string PingRun(const std::vector<std::string>& args, const std::string& save, std::vector<std::string>& documents) {
+std::string PingRun(const std::vector<std::string>& args, const std::string& save,
+                    std::vector<std::string>& documents) {
     // The endpoint is local: a proxy of the environment must not stand in between.
     setenv("no_proxy", "127.0.0.1,localhost", 1);
     setenv("NO_PROXY", "127.0.0.1,localhost", 1);
@@ -50,10 +51,9 @@ TEST(Pings, EachDocumentIsPostedUnlessDisabled) {
     TempDir dir;
     PingServer server(dir.path, false);
     // `recorded`: the paths the server records for each document.
-    const struct { const char* path; bool disabled; std::vector<std::string> recorded; } cases[] = {{"/telemetry/ping", false, {"/telemetry/ping"}},
-                 {"/redirect", false, {"/redirect", "/sink"}},
-                 {"/error", false, {"/error"}},
-                 {"/telemetry/ping", true, {}}};
+    const struct { const char* path; bool disabled; std::vector<std::string> recorded; } cases[] = {
+        {"/telemetry/ping", false, {"/telemetry/ping"}}, {"/redirect", false, {"/redirect", "/sink"}},
+        {"/error", false, {"/error"}}, {"/telemetry/ping", true, {}}};
     std::size_t seen = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path);
@@ -81,14 +81,15 @@ TEST(Pings, HttpsAndFailures) {
     PingServer server(dir.path, true);
     const std::string url = server.Url("https", "/secure");
     std::vector<std::string> documents;
-    EXPECT_EQ(PingRun({"--ping_url", url, "--data_path", std::string(KVX_TEST_DATA_DIR) + "/telemetry"}, dir.Str(),
-                  documents),
+    EXPECT_EQ(PingRun({"--ping_url", url, "--data_path", std::string(KVX_TEST_DATA_DIR) + "/telemetry"},
+                      dir.Str(), documents),
               "");
     ASSERT_EQ(server.Records().size(), 4u);
     EXPECT_EQ(server.Records().back()["body"].GetString(), documents.back());
     // Port 9 of 127.0.0.1 (discard) has no listener on a test machine.
     for (const std::string& failing : {url, std::string("http://127.0.0.1:9/")}) {
-        const std::string error = PingRun({"--ping_url", failing, "--data_path", empty_data.Str()}, dir.Str(), documents);
+        const std::string error =
+            PingRun({"--ping_url", failing, "--data_path", empty_data.Str()}, dir.Str(), documents);
         EXPECT_EQ(error.rfind("Failed to send ping to " + failing + ": ", 0), 0u) << error;
         EXPECT_EQ(error.find('\n'), error.size() - 1) << error;
         EXPECT_EQ(documents.size(), 4u);

@@ -54,10 +54,11 @@ void expectDocument(const rapidjson::Value& doc, const Expected& e) {
     EXPECT_NEAR(doc["latest_run_time"].GetDouble(), e.latest, 1e-6 * e.latest);
     EXPECT_EQ(doc["read_count"].GetUint64(), e.reads);
     const auto& call = doc["basecall_1d2"];
-    EXPECT_EQ(MemberNames(call), (std::vector<std::string>{"component_index", "exit_status_dist", "seq_len_bases_sum",
-                                                           "qscore_dist", "qscore_sum", "candidate_pairs_count",
-                                                           "seq_len_ratio_bases_dist", "open_pore_length_seconds_dist",
-                                                           "potential_candidate_pairs_count"}));
+    EXPECT_EQ(MemberNames(call),
+              (std::vector<std::string>{"component_index", "exit_status_dist", "seq_len_bases_sum",
+                                        "qscore_dist", "qscore_sum", "candidate_pairs_count",
+                                        "seq_len_ratio_bases_dist", "open_pore_length_seconds_dist",
+                                        "potential_candidate_pairs_count"}));
     EXPECT_EQ(call["component_index"].GetInt(), 2);
     std::map<std::string, int> exits;
     for (const auto& m : call["exit_status_dist"].GetObject()) exits[m.name.GetString()] = m.value.GetInt();
@@ -70,7 +71,8 @@ void expectDocument(const rapidjson::Value& doc, const Expected& e) {
         EXPECT_EQ(call["qscore_sum"]["sum"].IsNull(), e.called > 0);
     } else {
         EXPECT_NEAR(call["qscore_sum"]["sum"].GetDouble(), e.qsum, 1e-4 * std::abs(e.qsum));
-        EXPECT_NEAR(call["qscore_sum"]["mean"].GetDouble(), e.qsum / e.called, 1e-4 * std::abs(e.qsum) / e.called);
+        EXPECT_NEAR(call["qscore_sum"]["mean"].GetDouble(), e.qsum / e.called,
+                    1e-4 * std::abs(e.qsum) / e.called);
     }
     EXPECT_EQ(call["candidate_pairs_count"].GetUint64(), e.called);
     expectBins(call["seq_len_ratio_bases_dist"], "ratio", e.ratios);
@@ -78,7 +80,8 @@ void expectDocument(const rapidjson::Value& doc, const Expected& e) {
     EXPECT_EQ(call["potential_candidate_pairs_count"].GetUint64(), e.candidates);
 }
 
-const std::regex kUuid("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"), kTimeStamp("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ");
+const std::regex kUuid("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}");
+const std::regex kTimeStamp("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ");
 
 }  // namespace
 
@@ -94,8 +97,9 @@ TEST(TelemetryAggregatorTest, DocumentsMatchADirectCount) {
     std::mt19937 rng(77);
     for (const std::uint64_t minutes : {1, 2, 60}) {
         TempDir dir;
-        auto params = MakeParams(minutes == 60 ? std::vector<std::string>{}
-                                               : std::vector<std::string>{"--ping_segment_duration", std::to_string(minutes)});
+        using Args = std::vector<std::string>;
+        auto params =
+            MakeParams(minutes == 60 ? Args{} : Args{"--ping_segment_duration", std::to_string(minutes)});
         TelemetryAggregator telemetry("1.2.3", *params, dir.Str(), true);
         std::map<std::string, std::map<int, Expected>> segments;
         std::map<std::string, Expected> totals;
@@ -122,15 +126,16 @@ TEST(TelemetryAggregatorTest, DocumentsMatchADirectCount) {
             for (Expected* e : {&segment, &totals[run]}) ++e->reads;
             segment.latest = std::max(segment.latest, static_cast<float>(end) / kRate);
             if (k % 3 == 0) continue;  // not called
-            const float qscores[] = {kNaN, kInf, -1.0f, 100.0f, 150.0f, static_cast<float>(rng() % 80) * 0.25f};
-            TelemetryAggregator::CalledRead read{run, start, end - start, kRate, rng() % 5000, qscores[rng() % 6],
-                                                 rng() % 2 == 0};
+            const float qscores[] = {kNaN, kInf, -1.0f, 100.0f, 150.0f, static_cast<float>(rng() % 80) / 4};
+            TelemetryAggregator::CalledRead read{
+                run, start, end - start, kRate, rng() % 5000, qscores[rng() % 6], rng() % 2 == 0};
             // Some come as the pipeline hands them over: a pair counted by its first strand, a single read.
             const auto holder = [&](AsyncCaller::ReadHolder& h, AsyncCaller::ReadMeta& m) {
                 std::tie(m.run_id, m.start_time, m.duration, m.sampling_rate) =
                     std::tie(read.run_id, read.start_time, read.duration, read.sampling_rate);
                 h.sequence.assign(read.sequence_length, 'A');
-                std::tie(h.mean_qscore, h.passes_filtering) = std::tie(read.mean_qscore, read.passes_filtering);
+                std::tie(h.mean_qscore, h.passes_filtering) =
+                    std::tie(read.mean_qscore, read.passes_filtering);
                 telemetry.AddCalledRead(h);
             };
             AsyncCaller::ReadHolderMD pair;
@@ -145,7 +150,8 @@ TEST(TelemetryAggregatorTest, DocumentsMatchADirectCount) {
             }
             const float q = read.mean_qscore;
             for (Expected* e : {&segment, &totals[run]}) {
-                ++e->exits[!std::isfinite(q) ? "fail:basecall_failed" : read.passes_filtering ? "pass" : "fail:qscore_filter"];
+                const char* exit = read.passes_filtering ? "pass" : "fail:qscore_filter";
+                ++e->exits[std::isfinite(q) ? exit : "fail:basecall_failed"];
                 e->bases += read.sequence_length;
                 ++e->qscores[std::isnan(q) || q < 0 ? 0.0 : q > 100 ? 100.0 : std::floor(q * 2) / 2];
                 ++e->called;
@@ -161,29 +167,35 @@ TEST(TelemetryAggregatorTest, DocumentsMatchADirectCount) {
         rapidjson::SizeType next = 0;
         for (const auto& [run, runSegments] : segments) {
             Expected cumulative = totals[run];
-            for (const auto& segment : runSegments) cumulative.latest = std::max(cumulative.latest, segment.second.latest);
+            for (const auto& segment : runSegments)
+                cumulative.latest = std::max(cumulative.latest, segment.second.latest);
             std::vector<std::pair<int, const Expected*>> wanted;
             for (const auto& segment : runSegments) wanted.emplace_back(segment.first, &segment.second);
             wanted.emplace_back(0, &cumulative);
             for (const auto& [number, expected] : wanted) {
-                SCOPED_TRACE(run + " segment " + std::to_string(number) + " of " + std::to_string(minutes) + " min");
+                SCOPED_TRACE(run + " segment " + std::to_string(number) + " of " + std::to_string(minutes) +
+                             " min");
                 ASSERT_LT(next, docs.Size());
                 const auto& doc = docs[next++];
-                EXPECT_EQ(MemberNames(doc), (std::vector<std::string>{
-                                                "segment_type", "analysis_id", "software", "opts", "tracking_id",
-                                                "context_tags", "run_id", "segment_number", "segment_duration",
-                                                "aggregation", "latest_run_time", "read_count", "basecall_1d2"}));
+                EXPECT_EQ(MemberNames(doc),
+                          (std::vector<std::string>{"segment_type", "analysis_id", "software", "opts",
+                                                    "tracking_id", "context_tags", "run_id", "segment_number",
+                                                    "segment_duration", "aggregation", "latest_run_time",
+                                                    "read_count", "basecall_1d2"}));
                 EXPECT_STREQ(doc["segment_type"].GetString(), "marlo-acquisition");
                 EXPECT_EQ(doc["analysis_id"].GetString(), analysis_id);
                 EXPECT_EQ(doc["run_id"].GetString(), run);
                 EXPECT_STREQ(doc["aggregation"].GetString(), number ? "segment" : "cumulative");
                 EXPECT_EQ(doc["segment_number"].GetInt(), number ? number : 1);
-                EXPECT_EQ(doc["segment_duration"].GetUint64(), number ? minutes : runSegments.rbegin()->first * minutes);
+                EXPECT_EQ(doc["segment_duration"].GetUint64(),
+                          number ? minutes : runSegments.rbegin()->first * minutes);
                 expectDocument(doc, *expected);
                 // Tracking data from the first read, without the local script path; none for run_c.
                 const auto& tracking = doc["tracking_id"];
-                const std::vector<std::string> keys = {"asic_temp", "protocol_version", "run_id", "msg_id", "time_stamp"};
-                EXPECT_EQ(MemberNames(tracking), run == "run_c" ? std::vector<std::string>(keys.begin() + 3, keys.end()) : keys);
+                const std::vector<std::string> keys = {"asic_temp", "protocol_version", "run_id", "msg_id",
+                                                       "time_stamp"};
+                EXPECT_EQ(MemberNames(tracking),
+                          run == "run_c" ? std::vector<std::string>(keys.begin() + 3, keys.end()) : keys);
                 if (run != "run_c") {
                     EXPECT_EQ(tracking["run_id"].GetString(), run);
                     EXPECT_EQ(tracking["protocol_version"].GetUint64(), 7u);
@@ -202,8 +214,10 @@ TEST(TelemetryAggregatorTest, DocumentsMatchADirectCount) {
                   R"({"name":"marlo-basecalling","analysis":"1dsq_basecalling","version":"1.2.3"})");
         // The options by name, sorted (the program's own set is checked with the pair list).
         EXPECT_EQ(Telemetry::ToJsonText(docs[0]["opts"], false),
-                  R"({"disable_pings":"0","ping_segment_duration":")" + std::to_string(minutes) + R"(","ping_url":""})");
-        EXPECT_EQ(ReadText(telemetry.TelemetryFile()).rfind("[\n    {\n        \"segment_type\": \"marlo-acquisition\",\n", 0), 0u);
+                  R"({"disable_pings":"0","ping_segment_duration":")" + std::to_string(minutes) +
+                      R"(","ping_url":""})");
+        const std::string text = ReadText(telemetry.TelemetryFile());
+        EXPECT_EQ(text.rfind("[\n    {\n        \"segment_type\": \"marlo-acquisition\",\n", 0), 0u);
     }
 }
 
@@ -214,13 +228,16 @@ TEST(TelemetryAggregatorTest, ErrorsAndEmptyRuns) {
     telemetry.AddRead(kRate, Metadata("known", "1"), kMinute, 0);
     telemetry.AddPairCandidate(10.0, 1.0f, 0.1, "candidates_only");
     const auto called = [&](const std::string& run, std::uint64_t start) {
-        return ErrorOf([&] { telemetry.AddCalledRead({run, start, kMinute, kRate, 10, 9.0f, true}); }, "accepted");
+        const TelemetryAggregator::CalledRead read{run, start, kMinute, kRate, 10, 9.0f, true};
+        return ErrorOf([&] { telemetry.AddCalledRead(read); }, "accepted");
     };
     EXPECT_EQ(called("elsewhere", 0), "Basecall telemetry received for non-existent run ID elsewhere");
     // A run known only from the pair list has had no read loaded.
-    EXPECT_EQ(called("candidates_only", 0), "Basecall telemetry received for non-existent run ID candidates_only");
+    EXPECT_EQ(called("candidates_only", 0),
+              "Basecall telemetry received for non-existent run ID candidates_only");
     // Ends at 120 s, the first second of segment 2, which no read has opened.
-    EXPECT_EQ(called("known", kMinute), "Basecall telemetry received for non-existent run segment of run ID known");
+    EXPECT_EQ(called("known", kMinute),
+              "Basecall telemetry received for non-existent run segment of run ID known");
     EXPECT_EQ(called("known", 0), "accepted");
     AsyncCaller::ReadHolderMD odd;
     odd.dimension = 2;
@@ -228,10 +245,13 @@ TEST(TelemetryAggregatorTest, ErrorsAndEmptyRuns) {
     testing::internal::CaptureStderr();
     EXPECT_NO_THROW(telemetry.Finish());
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Could not open telemetry file '" + dir.Str() + "/no/such/folder/sequencing_telemetry.js' for writing.\n");
+              "Could not open telemetry file '" + dir.Str() +
+                  "/no/such/folder/sequencing_telemetry.js' for writing.\n");
 
-    EXPECT_EQ(ErrorOf([&] { TelemetryAggregator("v", *MakeParams({"--ping_segment_duration", "0"}), dir.Str(), true); }),
-              "Invalid ping_segment_duration: 0. The duration of a ping segment must be at least one minute.");
+    const auto zero = MakeParams({"--ping_segment_duration", "0"});
+    EXPECT_EQ(ErrorOf([&] { TelemetryAggregator("v", *zero, dir.Str(), true); }),
+              "Invalid ping_segment_duration: 0. The duration of a ping segment must be at least one "
+              "minute.");
     // Nothing reported: an empty list. (Single-strand runs are not made by any program of the tree.)
     TelemetryAggregator nothing("v", *MakeParams({}), dir.Str(), true);
     nothing.Finish();
@@ -246,14 +266,16 @@ TEST(TelemetryAggregatorTest, CandidatesOfThePairListAndTheProgramOptions) {
     for (const char* name : {"a.rawh5", "b.rawh5", "c.rawh5", "d.rawh5"}) {
         std::ofstream((reads / name).string());  // listed by name only; never opened
     }
-    const std::string index = dir.File("index.txt",
-                                       "filename\tread_id\trun_id\tchannel\tstart_time\tduration\tsequence_length_template\n"
-                                       "a.rawh5\tra\trun7\t5\t10.0\t20.0\t1000\n"
-                                       "b.rawh5\trb\trun7\t5\t30.2\t20.0\t1100\n"    // pairs with ra: gap 0.2
-                                       "c.rawh5\trc\trun7\t5\t125.0\t10.0\t500\n"   // candidate rb-rc only
-                                       "d.rawh5\trd\trun7\t9\t1.0\t1.0\t100\n");    // alone on its channel
-    auto params = MakeParams<Marlo::Basecall1D2Params>({"-f", index, "-s", dir.Str(), "-i", reads.string(), "-m",
-                                                         "/opt/models/m.json", "--ping_segment_duration", "1"});
+    const std::string index =
+        dir.File("index.txt",
+                 "filename\tread_id\trun_id\tchannel\tstart_time\tduration\tsequence_length_template\n"
+                 "a.rawh5\tra\trun7\t5\t10.0\t20.0\t1000\n"
+                 "b.rawh5\trb\trun7\t5\t30.2\t20.0\t1100\n"  // pairs with ra: gap 0.2
+                 "c.rawh5\trc\trun7\t5\t125.0\t10.0\t500\n"  // candidate rb-rc only
+                 "d.rawh5\trd\trun7\t9\t1.0\t1.0\t100\n");   // alone on its channel
+    auto params =
+        MakeParams<Marlo::Basecall1D2Params>({"-f", index, "-s", dir.Str(), "-i", reads.string(), "-m",
+                                              "/opt/models/m.json", "--ping_segment_duration", "1"});
     TelemetryAggregator telemetry("9.9", *params, params->save_path, true);
     ASSERT_EQ(Marlo::GetFileList(index, reads.string(), false, &telemetry).size(), 1u);
     telemetry.Finish();

@@ -50,7 +50,8 @@ std::unique_ptr<Params> MakeParams(std::vector<std::string> args) {
     for (const auto& arg : args) argv.push_back(arg.c_str());
     auto params = std::make_unique<Params>();
     std::istringstream config("");
-    const std::uint32_t flags = params->ParseArguments(&config, "", static_cast<int>(argv.size()), argv.data(), "");
+    const std::uint32_t flags =
+        params->ParseArguments(&config, "", static_cast<int>(argv.size()), argv.data(), "");
     // A bare program name counts as a request for help; that is no failure here.
     if (flags != 0 && !(args.size() == 1 && flags == Common::Parameters::HelpRequested)) {
         throw std::runtime_error("test parameters did not parse: " + params->ErrorText());
@@ -61,7 +62,7 @@ std::unique_ptr<Params> MakeParams(std::vector<std::string> args) {
 // Metadata of one read as the storage layer hands it over.
 inline DataAPI::ReadMetadata Metadata(const std::string& run_id, const std::string& channel) {
     DataAPI::ReadMetadata metadata;
-    metadata["tracking_id"] = {{"run_id", run_id}, {"exp_script_name", std::string("/home/someone/sequencing.py")},
+    metadata["tracking_id"] = {{"run_id", run_id}, {"exp_script_name", std::string("/home/someone/run.py")},
                                {"protocol_version", 7u}, {"asic_temp", 31.5}};
     metadata["context_tags"] = {{"experiment_kit", std::string("ligation")}};
     metadata["channel_id"] = {{"channel_number", channel}, {"sampling_rate", 4000.0}};
@@ -78,7 +79,8 @@ inline std::vector<std::string> MemberNames(const rapidjson::Value& object) {
 inline rapidjson::Document ParseFile(const std::string& path) {
     rapidjson::Document doc;
     doc.Parse(ReadText(path).c_str());
-    if (doc.HasParseError() || !doc.IsArray()) throw std::runtime_error("telemetry file is not a JSON array: " + path);
+    if (doc.HasParseError() || !doc.IsArray())
+        throw std::runtime_error("telemetry file is not a JSON array: " + path);
     return doc;
 }
 
@@ -90,9 +92,10 @@ public:
     // With `tls`, the server speaks HTTPS with the test certificate of tests/data/telemetry.
     PingServer(const fs::path& dir, bool tls) : records((dir / "records.jsonl").string()) {
         const std::string data = std::string(KVX_TEST_DATA_DIR) + "/telemetry/";
-        const std::string command = std::string(KVX_PYTHON3) + " " + KVX_PING_SERVER + " --records " + records +
-                                    (tls ? " --cert " + data + "certs-bundle.crt --key " + data + "server.key" : "") +
-                                    " 2>" + (dir / "server.log").string();
+        const std::string command =
+            std::string(KVX_PYTHON3) + " " + KVX_PING_SERVER + " --records " + records +
+            (tls ? " --cert " + data + "certs-bundle.crt --key " + data + "server.key" : "") + " 2>" +
+            (dir / "server.log").string();
         // The server's first line is its port and process id.
         pipe = popen(command.c_str(), "r");
         if (pipe == nullptr || std::fscanf(pipe, "%d %d", &port, &pid) != 2) {

@@ -37,7 +37,8 @@ def conv(x, W, b, winlen, stride, pad_left, pad_right, act):
     """x: rows x insize; W: size x winlen x insize."""
     xp = np.vstack([np.zeros((pad_left, x.shape[1])), x, np.zeros((pad_right, x.shape[1]))])
     nout = (pad_left + pad_right - (winlen - x.shape[0])) // stride + 1
-    return act(np.array([np.einsum('owi,wi->o', W, xp[t * stride: t * stride + winlen]) + b for t in range(nout)]))
+    windows = [xp[t * stride: t * stride + winlen] for t in range(nout)]
+    return act(np.array([np.einsum('owi,wi->o', W, w) + b for w in windows]))
 
 
 def scan(x, H, step, reverse):
@@ -93,8 +94,8 @@ def stack(g, prefix, keys):
 
 def tessel_gru(insize, g, mod=False):
     return {"type": "GruMod" if mod else "GRU", "insize": insize, "size": len(g['br']), "activation": "tanh",
-            "bias": True, "params": {"iW": stack(g, 'W', 'rzn'), "sW": stack(g, 'U', 'rz'), "sW2": tolist(g['Un']),
-                                     "b": stack(g, 'b', 'rzn')}}
+            "bias": True, "params": {"iW": stack(g, 'W', 'rzn'), "sW": stack(g, 'U', 'rz'),
+                                     "sW2": tolist(g['Un']), "b": stack(g, 'b', 'rzn')}}
 
 
 def tessel_lstm(insize, g):
@@ -109,7 +110,7 @@ def quorlet_weights(gs, keys, peeps=''):
     def blocks(prefix, ks):
         return np.concatenate([np.ravel(g[prefix + k]) for k in ks for g in gs])
     return {"input": tolist(blocks('W', keys)),
-            "internal": tolist(np.concatenate([blocks('U', keys), blocks('p', peeps)] if peeps else [blocks('U', keys)])),
+            "internal": tolist(np.concatenate([blocks('U', keys)] + ([blocks('p', peeps)] if peeps else []))),
             "bias": tolist(blocks('b', keys))}
 
 
@@ -176,16 +177,12 @@ def dialect_network():
         "meta": {"feature_function": "raw", "window": [0]},
         "layers": [
             {"type": "input", "name": "in", "size": 1},
-            {"type": "convolution", "name": "conv", "size": 6, "insize": 1, "winlen": winlen, "stride": stride,
-             "padding": list(pad), "activation": "tanh"},
-            {"type": "bgru", "name": "bgru", "size": 10},
-            {"type": "rlstm", "name": "rlstm", "size": 12},
-            {"type": "blstm", "name": "blstm", "size": 16},
-            {"type": "gru", "name": "gru", "size": 7},
-            {"type": "feedforward_elu", "name": "ff", "size": 9},
-            {"type": "softmax", "name": "out", "size": 65},
-            {"type": "multiclass_classification", "name": "mc", "size": 65},
-        ],
+            {"type": "convolution", "name": "conv", "size": 6, "insize": 1, "winlen": winlen,
+             "stride": stride, "padding": list(pad), "activation": "tanh"}] + [
+            {"type": t, "name": n, "size": size} for t, n, size in (
+                ("bgru", "bgru", 10), ("rlstm", "rlstm", 12), ("blstm", "blstm", 16), ("gru", "gru", 7),
+                ("feedforward_elu", "ff", 9), ("softmax", "out", 65),
+                ("multiclass_classification", "mc", 65))],
         "weights": {
             "conv": {"input": tolist(np.ravel(conv_W)), "bias": tolist(conv_b)},
             "bgru": quorlet_weights(bgru, 'rzn'),
