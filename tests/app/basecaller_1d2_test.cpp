@@ -1,5 +1,4 @@
-// Runs the program through its run driver and checks how each kind of run ends: exit value, what
-// is logged, and the files left in the save path.
+// How each kind of run of the program ends: exit value, what is logged, the files left in the save path.
 
 #include <gtest/gtest.h>
 
@@ -25,14 +24,11 @@ protected:
         // A mismatch table that favours equal labels; what matters here is that it loads.
         std::ofstream table((dir / "mismatch.txt").string());
         table << "prob\n";
-        for (int r = 0; r < 64 * 64; ++r) {
-            table << (r % 65 == 0 ? 0.9 : 0.1 / 63) << '\n';
-        }
+        for (int r = 0; r < 64 * 64; ++r) table << (r % 65 == 0 ? 0.9 : 0.1 / 63) << '\n';
     }
     fs::path save() const { return dir / "save"; }
 
-    // Runs over `index` with the read folder and mismatch table of the fixture, the model and number
-    // of callers given, then `args` (an option may be given only once), in a fresh save path.
+    // A run in a fresh save path; an option may be given only once, so `args` cannot repeat these.
     TestSupport::RunResult Run(const std::string& index, const std::vector<std::string>& args,
                                const std::string& model = kModel, const std::string& num_callers = "2") const {
         fs::remove_all(save());
@@ -49,7 +45,6 @@ protected:
     const fs::path dir = scratch.path;
 };
 
-// Position of `text` in `log`, checked to be there.
 std::size_t Find(const std::string& log, const std::string& text) {
     const std::size_t at = log.find(text);
     EXPECT_NE(at, std::string::npos) << "missing: " << text << "\nin:\n" << log;
@@ -70,14 +65,9 @@ TEST_F(Basecaller1D2Test, RunWithZeroPairsCompletes) {
               std::string::npos)
         << result.out;
     // In order: the pair count, the set-up time, the speed, the success line.
-    const std::size_t found = Find(result.log, "Found 0 read pairs to process.\n");
-    const std::size_t init = Find(result.log, "Init time: ");
-    const std::size_t speed = Find(result.log, "Caller time: ");
-    EXPECT_LT(found, init);
-    EXPECT_LT(init, speed);
-    EXPECT_LT(speed, Find(result.log, "Basecalling completed successfully.\n"));
-    EXPECT_TRUE(std::regex_search(result.log, std::regex("Init time: \\d+ ms\n")));
-    EXPECT_TRUE(std::regex_search(result.log, std::regex("Caller time: \\d+ ms, Events: 0, kev/s: \\S+\n")));
+    const std::regex order("Found 0 read pairs to process.\n[\\s\\S]*Init time: \\d+ ms\n[\\s\\S]*"
+                           "Caller time: \\d+ ms, Events: 0, kev/s: \\S+\n[\\s\\S]*Basecalling completed successfully.\n");
+    EXPECT_TRUE(std::regex_search(result.log, order)) << result.log;
     EXPECT_EQ(result.log.find(kAbort), std::string::npos);
     EXPECT_EQ(TestSupport::ReadText((save() / "sequencing_summary.txt").string()),
               "filename1\tfilename2\tread_id1\tread_id2\trun_id\tchannel\tstart_time1\tstart_time2\t"

@@ -8,8 +8,6 @@
 #include <boost/filesystem.hpp>
 
 #include "../common/test_support.h"
-#include "common/logger.h"
-#include "common/logger_group.h"
 #include "pair_list.h"
 
 namespace fs = boost::filesystem;
@@ -22,39 +20,23 @@ namespace {
 
 IndexRecord Read(const std::string& id, double start, double duration, std::uint64_t length,
                  const std::string& group = "run_1") {
-    IndexRecord record;
-    record.path = "/reads/" + id + ".rawh5";
-    record.read_id = id;
-    record.run_id = "run";
-    record.channel = "1";
-    record.group_key = group;
-    record.start_time = start;
-    record.end_time = start + duration;
-    record.sequence_length = length;
-    return record;
+    return {"/reads/" + id + ".rawh5", id, "run", "1", group, start, start + duration, length};
 }
 
 std::string Ids(const std::vector<ReadPair>& pairs) {
     std::string ids;
-    for (const auto& pair : pairs) {
-        ids += (ids.empty() ? "" : " ") + pair.read_id1 + "+" + pair.read_id2;
-    }
+    for (const auto& pair : pairs) ids += (ids.empty() ? "" : " ") + pair.read_id1 + "+" + pair.read_id2;
     return ids;
 }
 
 std::string PairIds(std::vector<IndexRecord> reads, std::vector<PairCandidate>* candidates = nullptr) {
     std::map<std::string, std::vector<IndexRecord>> groups;
-    for (auto& read : reads) {
-        groups[read.group_key].push_back(read);
-    }
+    for (auto& read : reads) groups[read.group_key].push_back(read);
     return Ids(Marlo::PairGroups(groups, [candidates](const PairCandidate& c) {
-        if (candidates) {
-            candidates->push_back(c);
-        }
+        if (candidates) candidates->push_back(c);
     }));
 }
 
-// Empty files at the given paths under `dir`, folders made as needed.
 void Touch(const fs::path& dir, const std::vector<std::string>& names) {
     for (const auto& name : names) {
         fs::create_directories((dir / name).parent_path());
@@ -110,7 +92,7 @@ TEST(PairRule, BoundariesOrderAndCandidates) {
     EXPECT_FLOAT_EQ(candidates[2].length_ratio, 480.0f / 450.0f);
 }
 
-TEST(PairList, ReadsIndexKeepsListedFilesAndLogsTheCount) {
+TEST(PairList, ReadsIndexKeepsListedFiles) {
     const TestSupport::TempDir dir;
     Touch(dir.path, {"reads/r1.rawh5", "reads/r2.rawh5", "reads/r3.rawh5", "reads/r4.rawh5", "reads/r5.txt",
                      "reads/sub/r6.rawh5", "reads/x.rawh5", "reads/y.rawh5", "reads/c d.rawh5", "reads/one/a.rawh5",
@@ -126,18 +108,7 @@ TEST(PairList, ReadsIndexKeepsListedFilesAndLogsTheCount) {
         "missing.rawh5\tidm\trunA\t2\t12.3\t1.0\t950\tx\r\nr5.txt\tid5\trunA\t2\t12.4\t1.0\t950\tx\r\n"
         "r6.rawh5\tid6\trunA\t2\t12.4\t1.0\t950\tx\r\n");
     const auto input = (dir.path / "reads").string();
-
-    Common::logging::LoggerOptions options;
-    auto& sink = options.Sink(Common::logging::Loggers::StdOut) = Common::logging::SinkOptions();
-    sink.severities = {Common::logging::attributes::SeverityLevel::message};
-    sink.enabled = true;
-    testing::internal::CaptureStdout();
-    std::vector<ReadPair> pairs;
-    {
-        Common::logging::LoggerGroup group(options);
-        pairs = Marlo::GetFileList(index, input, false, nullptr);
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Found 2 read pairs to process.\n");
+    const auto pairs = Marlo::GetFileList(index, input, false, nullptr);
     ASSERT_EQ(Ids(pairs), "id3+id4 id1+id2");
     EXPECT_EQ(pairs[0], (ReadPair{(fs::path(input) / "r3.rawh5").string(), (fs::path(input) / "r4.rawh5").string(),
                                   "id3", "id4"}));

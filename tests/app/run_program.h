@@ -28,15 +28,11 @@ struct RunResult {
 inline RunResult RunProgram(const std::vector<std::string>& args, const fs::path& scratch) {
     const auto quote = [](const std::string& arg) {
         std::string quoted = "'";
-        for (const char c : arg) {
-            quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        }
+        for (const char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
         return quoted + "'";
     };
     std::string command = quote(kProgram);
-    for (const auto& arg : args) {
-        command += " " + quote(arg);
-    }
+    for (const auto& arg : args) command += " " + quote(arg);
     const auto out = (scratch / "stdout.txt").string(), err = (scratch / "stderr.txt").string();
     command += " >" + quote(out) + " 2>" + quote(err) + " </dev/null";
     const int status = std::system(command.c_str());
@@ -45,9 +41,7 @@ inline RunResult RunProgram(const std::vector<std::string>& args, const fs::path
 
 // The log file of `base` in the save path, empty if there is none.
 inline std::string LogFile(const fs::path& save, const std::string& base) {
-    if (!fs::exists(save)) {
-        return {};
-    }
+    if (!fs::exists(save)) return {};
     const std::regex name(base + "_log-\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d\\.log");
     for (fs::directory_iterator it(save), end; it != end; ++it) {
         if (std::regex_match(it->path().filename().string(), name)) {

@@ -1,12 +1,8 @@
 #!/usr/bin/env bash
-# End-to-end check of a pair run on a small fixed-seed simulated set: the single-strand step annotates
-# the reads, basecaller_1d2 calls the pairs with the shipped workflow into compressed FASTQ, and then
-#   - the program ends with 0 and its FASTQ files are read by an ordinary consumer (seqkit);
-#   - every pair found has exactly one summary row;
-#   - pass and fail folders follow min_qscore, and only pairs with a sequence have a record;
-#   - the median pair error is at most half the better single strand's median error;
-#   - the run report is one HTML page that needs nothing beside it, with every section, its plots as
-#     PNGs inside, and counts that agree with the summary (scripts/render_run_report.sh shows it).
+# A pair run on a small fixed-seed simulated set, into compressed FASTQ: it ends with 0, seqkit reads its
+# files, every pair found has one summary row, pass and fail follow min_qscore, the median pair error is at
+# most half the better strand's, and the run report is one self-contained HTML page with every section,
+# its plots as PNGs inside, and counts that agree with the summary.
 set -euo pipefail
 BIN=$1
 REPO=$(cd "$(dirname "$0")/../.." && pwd)
@@ -48,9 +44,8 @@ for r in called:
     should_pass = float(r["mean_qscore"]) >= 6.5
     if (r["passes_filtering"] == "TRUE") != should_pass or folder_of.get(r["read_id1"]) != ("pass" if should_pass else "fail"):
         errors.append("%s: passes_filtering or folder disagrees with its mean qscore" % r["read_id1"])
-identity = json.load(open(os.path.join(work, "identity.json")))
-single = max(identity["strand1"]["median_identity"], identity["strand2"]["median_identity"])
-pair = identity["pairs"]["median_identity"]
+identity = {k: v["median_identity"] for k, v in json.load(open(os.path.join(work, "identity.json"))).items()}
+single, pair = max(identity["strand1"], identity["strand2"]), identity["pairs"]
 # A regression floor relative to the strands' error, so that a better model does not make the check
 # vacuous or fail it: two readings of one molecule should at least halve the error.
 if not (1.0 - pair) <= 0.5 * (1.0 - single):
@@ -75,16 +70,12 @@ class Page(html.parser.HTMLParser):
 page = open(os.path.join(work, "report.html")).read()
 p = Page()
 p.feed(page)
-# Self-contained: nothing is fetched, every link stays in the page.
 for tag, value in p.links:
     if not (value.startswith("data:image/png;base64,") or (tag == "a" and value.startswith("#"))):
         errors.append("<%s> points outside the page: %s" % (tag, value[:80]))
-if re.search(r"url\s*\(|@import", page):
-    errors.append("the style sheet loads something")
-for src, section in p.images.items():
-    data = base64.b64decode(src.split(",", 1)[1])
-    if not data.startswith(b"\x89PNG\r\n\x1a\n") or len(data) < 2000:
-        errors.append("an image in %s is not a PNG plot" % section)
+errors += ["the style sheet loads something"] if re.search(r"url\s*\(|@import", page) else []
+errors += ["an image in %s is not a PNG plot" % section for src, section in p.images.items()
+           if not (d := base64.b64decode(src.split(",", 1)[1])).startswith(b"\x89PNG\r\n\x1a\n") or len(d) < 2000]
 with_plots = ("pass-fail", "yield", "length", "qscore", "speed", "accuracy")
 for key in ("run", "messages") + with_plots:
     if key not in p.sections or (key in with_plots and p.sections[key] == 0):
@@ -93,10 +84,8 @@ passed = sum(r["passes_filtering"] == "TRUE" for r in called)
 for label, n in (("pass", passed), ("fail", len(called) - passed), ("pairs with a summary row", len(rows))):
     if not re.search(r'<td class="text">%s</td><td>%d</td>' % (re.escape(label), n), page):
         errors.append("the page does not give %d for %s" % (n, label))
-for text in ("6.5 (from the run header)", "compressed fastq:   ON", "true pairs called", "median identity, pairs",
-             "gzip-compressed"):
-    if text not in page:
-        errors.append("the page lacks %r" % text)
+errors += ["the page lacks %r" % text for text in ("6.5 (from the run header)", "compressed fastq:   ON",
+           "true pairs called", "median identity, pairs", "gzip-compressed") if text not in page]
 print("pairs %d, records %d (pass %d), median identity: pairs %.4f, best strand %.4f; %d sections, %d plots"
       % (pairs_found, len(records), passed, pair, single, len(p.sections), len(p.images)))
 for e in errors:

@@ -1,14 +1,8 @@
 #!/usr/bin/env python3
-"""The workflow's index split, on random indexes against a plain pairing of the whole index: every
-row lands in exactly one shard, the shards together find exactly the pairs of the whole index, and
-no shard has more rows than another by more than the largest group. Then the text cases: comment
-lines, byte order mark and CR line ends pass through; a short row is refused with its line."""
-import collections
-import os
-import random
-import subprocess
-import sys
-import tempfile
+"""The workflow's index split on random indexes: every row in one shard, the shards' pairs those of the
+whole index, loads within one group of each other. Comments, byte order mark and CR line ends pass
+through; a short row is refused with its line."""
+import collections, os, random, subprocess, sys, tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SCRIPT = os.path.join(HERE, "..", "..", "workflow", "scripts", "split_index.py")
@@ -19,8 +13,8 @@ HEADER = b"filename\tread_id\trun_id\tchannel\tstart_time\tduration\tsequence_le
 
 
 def pairs_of(lines):
-    """Pairs as the pair caller finds them: per run and channel, by start time, neighbours whose gap
-    is under 0.5 s and whose lengths differ by under 20%, each read in one pair at most."""
+    """Per run and channel, by start time: neighbours less than 0.5 s and 20% in length apart, each
+    read in one pair at most."""
     groups = {}
     for line in lines:
         f = line.rstrip(b"\n").split(b"\t")

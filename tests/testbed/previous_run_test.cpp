@@ -19,23 +19,19 @@ TEST(PreviousRun, KeepsExactlyTheReadsWithRowAndRecord) {
     std::vector<std::string> rows, records;
     for (std::size_t i = 0; i < reads; ++i) {
         rows.push_back("f.rawh5\tr" + std::to_string(i));
-        for (std::size_t c = 2; c < IndexColumns().size(); ++c) {
-            rows.back() += "\t" + std::to_string(i * c);
-        }
+        for (std::size_t c = 2; c < IndexColumns().size(); ++c) rows.back() += "\t" + std::to_string(i * c);
         rows.back() += "\n";
         const std::string bases(3 + i, "ACGT"[i]);
         records.push_back("@r" + std::to_string(i) + " runid=x\n" + bases + "\n+\n" + std::string(3 + i, '5') + "\n");
     }
     const std::string failedText = FailedReadsHeader() + "f.rawh5\tr9\tNo strand found\nbad.rawh5\t*\tCould not open\n";
     std::string fullFastq;
-    for (const auto& record : records) {
-        fullFastq += record;
-    }
+    for (const auto& record : records) fullFastq += record;
     // Cuts at every line's end and one byte before it: a whole line, or one cut short (the header, a
     // row, or any of a record's four lines).
     const auto cutsOf = [](const std::string& text) {
         std::set<std::size_t> cuts{0};
-        for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) {
+        for (auto at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) {
             cuts.insert({at, at + 1});
         }
         return cuts;

@@ -1,6 +1,5 @@
 #pragma once
-// Shared by the test-bed tests: the shipped pore levels the simulator draws from, and pairs as a set
-// of read-id pairs, so that a pairing can be compared with the truth whatever order it comes in.
+// Shared by the test-bed tests; pairs as a set of id pairs compare with the truth in any order.
 
 #include <set>
 #include <string>
@@ -18,12 +17,21 @@ inline PoreLevels ShippedLevels() {
     return {table.level_mean, table.level_stdv};
 }
 
+inline SimulatorOptions SmallSet(std::uint64_t seed, std::uint32_t molecules, std::uint32_t minLength,
+                                 std::uint32_t maxLength, std::uint32_t genomeLength = 5000) {
+    SimulatorOptions o;
+    o.seed = seed;
+    o.molecules = molecules;
+    o.min_length = minLength;
+    o.max_length = maxLength;
+    o.genome_length = genomeLength;
+    return o;
+}
+
 template <typename Pairs>
 std::set<std::pair<std::string, std::string>> IdPairs(const Pairs& pairs) {
     std::set<std::pair<std::string, std::string>> ids;
-    for (const auto& p : pairs) {
-        ids.insert({p.read_id1, p.read_id2});
-    }
+    for (const auto& p : pairs) ids.insert({p.read_id1, p.read_id2});
     return ids;
 }
 
