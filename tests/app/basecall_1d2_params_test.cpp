@@ -19,12 +19,6 @@ std::uint32_t Parse(Basecall1D2Params& params, std::vector<std::string> args, st
     return params.ParseArguments(config, "", static_cast<int>(argv.size()), argv.data(), "");
 }
 
-const std::vector<std::string> kRequired = {"-f", "index.txt", "-s", "out"};
-
-std::vector<std::string> With(std::vector<std::string> args) {
-    args.insert(args.end(), kRequired.begin(), kRequired.end());
-    return args;
-}
 
 }  // namespace
 
@@ -39,7 +33,7 @@ TEST(Basecall1D2Params, OwnOptionsFollowTheFamilyOnesWithTheirSources) {
         {"compress_fastq", 'S'},
     };
     Basecall1D2Params params;
-    Parse(params, With({}));
+    Parse(params, {"-f", "index.txt", "-s", "out"});
     const auto& names = params.OptionNames();
     ASSERT_EQ(names.size(), 36u + own.size());
     EXPECT_EQ(names.front(), "print_workflows");
@@ -56,7 +50,7 @@ TEST(Basecall1D2Params, OwnOptionsFollowTheFamilyOnesWithTheirSources) {
     EXPECT_FALSE(params.use_service);
     // No limit on records per file is a value of its own, not a parse failure.
     Basecall1D2Params zero;
-    EXPECT_EQ(Parse(zero, With({"--records_per_fastq", "0"})), 0u) << zero.ErrorText();
+    EXPECT_EQ(Parse(zero, {"-q", "0", "-f", "index.txt", "-s", "out"}), 0u) << zero.ErrorText();
     EXPECT_EQ(zero.records_per_fastq, 0u);
 }
 

@@ -49,10 +49,7 @@ const std::string kHeader = "filename\tread_id\trun_id\tchannel\tstart_time\tdur
 }  // namespace
 
 TEST(PairRule, BoundariesOrderAndCandidates) {
-    const struct {
-        std::vector<IndexRecord> reads;
-        std::string pairs;
-    } cases[] = {
+    const struct { std::vector<IndexRecord> reads; std::string pairs; } cases[] = {
         // Durations of 1 s; a gap of 0.5 s is too long; lengths 1000 and 800 differ by exactly 0.2.
         {{Read("a", 0, 1, 1000), Read("b", 1.5, 1, 900)}, ""},
         {{Read("a", 0, 1, 1000), Read("b", 1.25, 1, 900)}, "a+b"},
@@ -136,13 +133,8 @@ TEST(PairList, BadIndexMessages) {
     Touch(dir.path, {"in/a.rawh5"});
     const auto input = (dir.path / "in").string();
     const auto missing = (dir.path / "none.txt").string();
-    const struct {
-        std::string index;  // the file's text; empty: no file at all
-        std::string message;
-    } cases[] = {
-        // The first missing required column is named.
-        {"filename\tread_id\trun_id\tchannel\tstart_time\tsequence_length_template\n",
-         "Required column \"duration\" not found in 1d2 index file: "},
+    const struct { std::string index, message; } cases[] = {  // index: the file's text; empty: no file at all
+        // The first missing required column is named (a missing "duration" is in the program's own tests).
         {"filename\n", "Required column \"read_id\" not found in 1d2 index file: "},
         {"read_id\trun_id\tchannel\tstart_time\tduration\tsequence_length_template\n",
          "Required column \"filename\" or \"filename_rawh5\" not found in 1d2 index file: "},

@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# Both steps, stopped part-way and resumed, must end with exactly the outputs of a run never stopped.
-# The single-strand step: SIGTERM after a random number of index rows, then SIGKILL with a FASTQ cut
-# inside its last record, its row gone and a dead process's temporary left. The pair run: STOPS is a
-# list of "term:SECONDS", "kill:SECONDS" or "gzkill" (--compress_fastq, killed once a file is written);
-# a kill is followed by what kills during the writes leave: a record without its row, a cut record,
-# half a summary row. Each stop gets a fresh save path and is resumed. Default: one of each.
+# Both steps, stopped and resumed, end with the outputs of a run never stopped. The single-strand step gets
+# SIGTERM, then SIGKILL with a cut FASTQ record, its row gone and a dead process's temporary left. The pair
+# run: STOPS lists "term:SECONDS", "kill:SECONDS" or "gzkill" (--compress_fastq, once a file is written);
+# after a kill come a record without its row, a cut record and half a summary row. Default: one of each.
 #
 #   stop_resume_test.sh BIN_DIR [STOPS]
 set -euo pipefail
@@ -144,8 +142,7 @@ for name, a, b in (("FASTQ records", ref[0], got[0]), ("summary rows", ref[1], g
     if a != b:
         errors.append("%s differ: %d missing, %d extra or repeated" % (name, sum((a - b).values()), sum((b - a).values())))
 print("%s: %d records, %d rows%s" % (stop, sum(got[0].values()), sum(got[1].values()) - 1, "" if errors else ", same as the uninterrupted run"))
-print("".join("FAIL: %s %s\n" % (stop, e) for e in errors), end="")
-sys.exit(1 if errors else 0)
+sys.exit("".join("FAIL: %s %s\n" % (stop, e) for e in errors) or 0)
 PY
 done
 exit $status

@@ -20,9 +20,8 @@ const std::string kTruth = "ACGTAGCTGATCGATGCATCAGTC";
 const auto reverseComplement = ReadSimulator::ReverseComplement;
 }  // namespace
 
-// Each call's errors must land on the call bases named here (index in the call as written -> charge),
-// the columns must give the identity of `matches`, and, through a quality string that gives base i
-// the printed value i + 1, the charges must land in the matching bins.
+// Each call's errors land on the call bases named (index as written -> charge) and give the identity of
+// `matches`; with printed quality i + 1 at base i, the charges land in the matching bins.
 TEST(CallEvaluator, ErrorsLandOnTheirCallBasesAndQualityBins) {
     const std::string sub = kTruth.substr(0, 7) + "A" + kTruth.substr(8);               // T -> A at 7
     const std::string ins = kTruth.substr(0, 6) + "T" + kTruth.substr(6);               // T before 6
