@@ -1,43 +1,105 @@
-// Runs the program itself and checks what a user sees: exit value, standard output and error, logs.
+// Runs the program itself and checks what a user sees: exit value, standard output and error, logs, and
+// the files left in the save path.
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include "run_program.h"
+#include "../common/test_support.h"
 
-using TestSupport::kDataPath;
-using TestSupport::LogFile;
 namespace fs = boost::filesystem;
+using TestSupport::ReadText;
 
 namespace {
 
+const std::string kProgram = std::string(KVX_BINARY_DIR) + "/bin/basecaller_1d2";
+const std::string kDataPath = std::string(KVX_BINARY_DIR) + "/data";
+
+struct RunResult {
+    int code = 0;
+    std::string out, err, log;  // log: the core log file of the save path, when the caller reads it
+};
+
+// Runs the program with `args`, its standard output and error going to files in `scratch`.
+RunResult RunProgram(const std::vector<std::string>& args, const fs::path& scratch) {
+    const auto quote = [](const std::string& arg) {
+        std::string quoted = "'";
+        for (const char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return quoted + "'";
+    };
+    std::string command = quote(kProgram);
+    for (const auto& arg : args) command += " " + quote(arg);
+    const auto out = (scratch / "stdout.txt").string(), err = (scratch / "stderr.txt").string();
+    command += " >" + quote(out) + " 2>" + quote(err) + " </dev/null";
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1000, ReadText(out), ReadText(err), {}};
+}
+
+// The log file of `base` in the save path, empty if there is none.
+std::string LogFile(const fs::path& save, const std::string& base) {
+    if (!fs::exists(save)) return {};
+    const std::regex name(base + "_log-\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d\\.log");
+    for (fs::directory_iterator it(save), end; it != end; ++it) {
+        if (std::regex_match(it->path().filename().string(), name)) return ReadText(it->path().string());
+    }
+    return {};
+}
+
 const std::string kBannerLine = ": KVX Marlo 1d-squared basecaller, (C) KVX Marlo developers. Version 2.3.5+53a111f\n";
 
-class MainTest : public testing::Test {
+const std::string kModel = kDataPath + "/model_raw_r1_gru96x4.json";
+const std::string kAbort = "An error occurred in the basecaller. Aborting.";
+const std::string kIndexHeader = "filename\tread_id\trun_id\tchannel\tstart_time\tduration\tsequence_length_template\n";
+
+class Basecaller1D2Test : public testing::Test {
 protected:
-    TestSupport::RunResult Run(const std::vector<std::string>& args) const {
-        return TestSupport::RunProgram(args, dir.path);
+    Basecaller1D2Test() {
+        fs::create_directories(dir / "reads");
+        // A mismatch table that favours equal labels; what matters here is that it loads.
+        std::ofstream table((dir / "mismatch.txt").string());
+        table << "prob\n";
+        for (int r = 0; r < 64 * 64; ++r) table << (r % 65 == 0 ? 0.9 : 0.1 / 63) << '\n';
     }
-    TestSupport::TempDir dir;
+    fs::path save() const { return dir / "save"; }
+
+    // A run in a fresh save path; an option may be given only once, so `args` cannot repeat these.
+    RunResult Run(const std::string& index, const std::vector<std::string>& args,
+                               const std::string& model = kModel, const std::string& num_callers = "2") const {
+        fs::remove_all(save());
+        std::vector<std::string> all = {"-f", scratch.File("index.txt", index), "-i", (dir / "reads").string(), "-s",
+                                        save().string(), "-m", model, "--score_matrix",
+                                        (dir / "mismatch.txt").string(), "--num_callers", num_callers};
+        all.insert(all.end(), args.begin(), args.end());
+        auto result = RunProgram(all, dir);
+        result.log = LogFile(save(), "marlo_basecaller_1d2");
+        return result;
+    }
+
+    TestSupport::TempDir scratch;
+    const fs::path dir = scratch.path;
 };
+
+std::size_t Find(const std::string& log, const std::string& text) {
+    const std::size_t at = log.find(text);
+    EXPECT_NE(at, std::string::npos) << "missing: " << text << "\nin:\n" << log;
+    return at;
+}
 
 }  // namespace
 
-TEST_F(MainTest, RunsThatEndBeforeAnyCallShowExactTexts) {
+TEST(MainTest, RunsThatEndBeforeAnyCallShowExactTexts) {
+    const TestSupport::TempDir dir;
     const auto data = dir.path / "data";
     fs::create_directories(data);
     std::ofstream((data / "broken.cfg").string()) << "chunk_size\n";
     const auto save = dir.path / "save";
-    const struct {
-        std::vector<std::string> args;
-        int code;
-        std::string out;  // "*": only checked to begin with the banner and the help heading
-        std::string err;
-    } cases[] = {
+    // out "*": the help, checked for the banner, its heading and its texts.
+    const struct { std::vector<std::string> args; int code; std::string out, err; } cases[] = {
         {{}, 0, "*", ""},
         {{"--version"}, 0, kBannerLine, ""},
         {{"--print_workflows"}, 0,
@@ -66,11 +128,18 @@ TEST_F(MainTest, RunsThatEndBeforeAnyCallShowExactTexts) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args.empty() ? "(none)" : c.args.front());
-        const auto result = Run(c.args);
+        const auto result = RunProgram(c.args, dir.path);
         EXPECT_EQ(result.code, c.code);
         if (c.out == "*") {
             EXPECT_EQ(result.out.rfind(kBannerLine + "Command line parameters:\n", 0), 0u) << result.out;
-            EXPECT_NE(result.out.find("  -f [ --index_file ] arg"), std::string::npos);
+            // Help texts as users have always seen them, typos included; config-file-only options are hidden.
+            for (const char* text : {"Shirt time-scale threshold for event", "Substute 'U' for 'T'",
+                                     "  -f [ --index_file ] arg", "-q [ --records_per_fastq ] arg", "--compress_fastq",
+                                     "-d [ --data_path ] arg", "produce help message", "-r [ --recursive ]"}) {
+                EXPECT_NE(result.out.find(text), std::string::npos) << text;
+            }
+            EXPECT_EQ(result.out.find("ipc_threads"), std::string::npos);
+            EXPECT_EQ(result.out.find("compatible_kits"), std::string::npos);
         } else {
             EXPECT_EQ(result.out, c.out);
         }
@@ -79,20 +148,10 @@ TEST_F(MainTest, RunsThatEndBeforeAnyCallShowExactTexts) {
     EXPECT_FALSE(fs::exists(save));
 }
 
-TEST_F(MainTest, AnUnexpectedOptionIsANoticeAndTheRunGoesOn) {
-    const auto save = dir.path / "save_unknown";
-    const auto result = Run({"-f", "index.txt", "-s", save.string(), "--quiet", "--no_such_option"});
-    // It goes on to the driver, which fails for want of a model.
-    EXPECT_EQ(result.code, 255);
-    EXPECT_EQ(result.out, "Unexpected option 'no_such_option' found on command line.\n\n");
-    EXPECT_EQ(result.err.rfind("\n", 0), 0u) << result.err;
-    EXPECT_NE(result.err.find("An error occurred in the basecaller. Aborting.\n"), std::string::npos);
-    EXPECT_NE(LogFile(save, "marlo_basecaller_1d2").find("save path:          " + save.string()), std::string::npos);
-}
-
 // Runs that reach the driver print the run header; each fails there (no model, no index, or service
 // mode with no callers). What the header says, and where it goes, follows the options.
-TEST_F(MainTest, HeaderFollowsTheOptionsAndTheirSources) {
+TEST(MainTest, HeaderFollowsTheOptionsAndTheirSources) {
+    const TestSupport::TempDir dir;
     const std::string save = (dir.path / "nested" / "save").string(), version = "KVX Marlo 1d-squared basecalling software version 2.3.5+53a111f\n";
     const std::string header =
         version + "config file:        \nmodel file:         " + kDataPath + "\ninput path:         reads\n"
@@ -102,12 +161,13 @@ TEST_F(MainTest, HeaderFollowsTheOptionsAndTheirSources) {
         version + "config file:        " + kDataPath + "/dna_r1_1d2_lowmem.cfg\ninput path:         \nsave path:          " +
         save + "\nchunk size:         321\nminimum qscore:     7\nrecords per file:   4000\nnum basecallers:    2\n"
         "service address:    tcp://localhost:5555\n";
+    // out: exactly, or "~" + a text it holds; log: texts the core log holds; verbose: a text the verbose
+    // log holds, empty when there is none; err: a text standard error holds.
     const struct {
         std::vector<std::string> args;
-        std::string out;      // exactly, or "~" + text standard output holds
-        std::vector<std::string> log;  // texts the core log holds
-        std::string verbose;           // text the verbose log holds; empty: there is no verbose log
-        std::string err;               // text standard error holds
+        std::string out;
+        std::vector<std::string> log;
+        std::string verbose, err;
     } cases[] = {
         // The model file is the data folder itself and fails; the header goes to standard output and the log.
         {{"--version", "-i", "reads"}, kBannerLine + header, {header}, "", "Model File \"" + kDataPath + "\" "},
@@ -122,13 +182,16 @@ TEST_F(MainTest, HeaderFollowsTheOptionsAndTheirSources) {
          {"config file:        " + kDataPath + "/dna_r1_1d2.cfg\n", "threads per caller: 3\n"}, "", ""},
         // A bare --model_file on the command line is looked up in the data path.
         {{"-m", "other.json"}, "~model file:         " + kDataPath + "/other.json\n", {}, "", ""},
+        // An unknown option is only a notice: the run goes on, and fails for want of a model.
+        {{"--quiet", "--no_such_option"}, "Unexpected option 'no_such_option' found on command line.\n\n",
+         {"save path:          " + save + "\n"}, "", "An error occurred in the basecaller. Aborting.\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args.front());
         fs::remove_all(save);
         std::vector<std::string> args = c.args;
         args.insert(args.end(), {"-f", "index.txt", "-s", save});
-        const auto result = Run(args);
+        const auto result = RunProgram(args, dir.path);
         EXPECT_EQ(result.code, 255);
         if (c.out.rfind("~", 0) == 0) {
             EXPECT_NE(result.out.find(c.out.substr(1)), std::string::npos) << result.out;
@@ -137,13 +200,81 @@ TEST_F(MainTest, HeaderFollowsTheOptionsAndTheirSources) {
         }
         const auto core = LogFile(save, "marlo_basecaller_1d2");
         EXPECT_TRUE(std::regex_match(core, std::regex("\\d{4}-\\d\\d-\\d\\d \\S+ \\[marlo/core\\] KVX Marlo[\\s\\S]*")));
-        for (const auto& text : c.log) {
-            EXPECT_NE(core.find(text), std::string::npos) << text << " not in:\n" << core;
-        }
+        for (const auto& text : c.log) EXPECT_NE(core.find(text), std::string::npos) << text << core;
         EXPECT_NE(result.err.find(c.err), std::string::npos) << result.err;
         const auto verbose = LogFile(save, "marlo_basecaller__1d2_verbose");
         EXPECT_EQ(verbose.empty(), c.verbose.empty());
         EXPECT_NE(verbose.find(c.verbose), std::string::npos) << verbose;
         EXPECT_TRUE(c.verbose.empty() || verbose.find("[marlo/core] {message} ") != std::string::npos);
+    }
+}
+
+TEST_F(Basecaller1D2Test, RunWithZeroPairsCompletes) {
+    // One read whose file is not there, and one lone read: no pair.
+    std::ofstream((dir / "reads" / "present.rawh5").string()) << "not opened: no pair needs it";
+    const std::string index =
+        kIndexHeader + "absent.rawh5\tr1\trun\t1\t0.0\t1.0\t100\n" + "present.rawh5\tr2\trun\t1\t1.1\t1.0\t100\n";
+    const auto result = Run(index, {});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_NE(result.out.find("\n0%   10   20   30   40   50   60   70   80   90   100%\n"
+                              "|----|----|----|----|----|----|----|----|----|----|\n"),
+              std::string::npos)
+        << result.out;
+    // In order: the pair count, the set-up time, the speed, the success line.
+    const std::regex order("Found 0 read pairs to process.\n[\\s\\S]*Init time: \\d+ ms\n[\\s\\S]*"
+                           "Caller time: \\d+ ms, Events: 0, kev/s: \\S+\n[\\s\\S]*"
+                           "Basecalling completed successfully.\n");
+    EXPECT_TRUE(std::regex_search(result.log, order)) << result.log;
+    EXPECT_EQ(result.log.find(kAbort), std::string::npos);
+    EXPECT_EQ(TestSupport::ReadText((save() / "sequencing_summary.txt").string()),
+              "filename1\tfilename2\tread_id1\tread_id2\trun_id\tchannel\tstart_time1\tstart_time2\t"
+              "trimmed_duration1\ttrimmed_duration2\ttrimmed_events1\ttrimmed_events2\tmedian1\tmedian2\tmad1\tmad2\t"
+              "sequence_length\tpasses_filtering\tmean_qscore\tstrand_score\n");
+    EXPECT_TRUE(fs::exists(save() / "sequencing_telemetry.js"));
+
+    // Quiet: no bar, the same ending.
+    const auto quiet = Run(index, {"--quiet"});
+    EXPECT_EQ(quiet.code, 0);
+    EXPECT_EQ(quiet.out.find("100%"), std::string::npos) << quiet.out;
+    Find(quiet.log, "Basecalling completed successfully.\n");
+}
+
+// Each failure is logged, in order, before the abort line; set-up failures stop before set-up ends.
+TEST_F(Basecaller1D2Test, FailuresAreLoggedBeforeTheAbort) {
+    std::ofstream((dir / "notes.json").string()) << "{\"these\": [\"are\", \"notes\"]}\n";
+    const struct {
+        const char* name;
+        std::string index, model, callers;
+        std::vector<std::string> args, messages;  // in the order logged
+        bool setUp;                               // set-up ends (and its time is logged) before the failure
+    } cases[] = {
+        {"service mode", kIndexHeader, kModel, "2", {"--port", "5555", "--quiet"},
+         {"service address:    tcp://localhost:5555\n", "Basecallers not initialised correctly.\n"}, true},
+        {"no callers", kIndexHeader, kModel, "0", {"--quiet"}, {"Basecallers not initialised correctly.\n"}, true},
+        {"a model that is no model", kIndexHeader, (dir / "notes.json").string(), "2", {"--quiet"},
+         {(dir / "notes.json").string()}, false},
+        {"no model file", kIndexHeader, (dir / "nowhere.json").string(), "2", {"--quiet"},
+         {(dir / "nowhere.json").string()}, false},
+        {"index without a column", "filename\tread_id\trun_id\tchannel\tstart_time\tsequence_length_template\n",
+         kModel, "2", {"--quiet"},
+         {"Required column \"duration\" not found in 1d2 index file: " + (dir / "index.txt").string() + "\n"}, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto result = Run(c.index, c.args, c.model, c.callers);
+        EXPECT_EQ(result.code, 255);
+        std::size_t previous = 0;
+        for (const auto& message : c.messages) {
+            const std::size_t at = Find(result.log, message);
+            EXPECT_LE(previous, at);
+            previous = at;
+        }
+        EXPECT_LT(previous, Find(result.log, kAbort));
+        EXPECT_EQ(result.log.find("Basecalling completed successfully."), std::string::npos);
+        if (c.setUp) {
+            EXPECT_FALSE(fs::exists(save() / "sequencing_summary.txt")) << "nothing of the output stage is made";
+        } else {
+            EXPECT_EQ(result.log.find("Init time"), std::string::npos);
+        }
     }
 }

@@ -8,8 +8,6 @@
 #include <boost/filesystem.hpp>
 
 #include "../common/test_support.h"
-#include "common/logger.h"
-#include "common/logger_group.h"
 #include "pair_list.h"
 
 namespace fs = boost::filesystem;
@@ -22,39 +20,23 @@ namespace {
 
 IndexRecord Read(const std::string& id, double start, double duration, std::uint64_t length,
                  const std::string& group = "run_1") {
-    IndexRecord record;
-    record.path = "/reads/" + id + ".rawh5";
-    record.read_id = id;
-    record.run_id = "run";
-    record.channel = "1";
-    record.group_key = group;
-    record.start_time = start;
-    record.end_time = start + duration;
-    record.sequence_length = length;
-    return record;
+    return {"/reads/" + id + ".rawh5", id, "run", "1", group, start, start + duration, length};
 }
 
 std::string Ids(const std::vector<ReadPair>& pairs) {
     std::string ids;
-    for (const auto& pair : pairs) {
-        ids += (ids.empty() ? "" : " ") + pair.read_id1 + "+" + pair.read_id2;
-    }
+    for (const auto& pair : pairs) ids += (ids.empty() ? "" : " ") + pair.read_id1 + "+" + pair.read_id2;
     return ids;
 }
 
 std::string PairIds(std::vector<IndexRecord> reads, std::vector<PairCandidate>* candidates = nullptr) {
     std::map<std::string, std::vector<IndexRecord>> groups;
-    for (auto& read : reads) {
-        groups[read.group_key].push_back(read);
-    }
+    for (auto& read : reads) groups[read.group_key].push_back(read);
     return Ids(Marlo::PairGroups(groups, [candidates](const PairCandidate& c) {
-        if (candidates) {
-            candidates->push_back(c);
-        }
+        if (candidates) candidates->push_back(c);
     }));
 }
 
-// Empty files at the given paths under `dir`, folders made as needed.
 void Touch(const fs::path& dir, const std::vector<std::string>& names) {
     for (const auto& name : names) {
         fs::create_directories((dir / name).parent_path());
@@ -67,10 +49,7 @@ const std::string kHeader = "filename\tread_id\trun_id\tchannel\tstart_time\tdur
 }  // namespace
 
 TEST(PairRule, BoundariesOrderAndCandidates) {
-    const struct {
-        std::vector<IndexRecord> reads;
-        std::string pairs;
-    } cases[] = {
+    const struct { std::vector<IndexRecord> reads; std::string pairs; } cases[] = {
         // Durations of 1 s; a gap of 0.5 s is too long; lengths 1000 and 800 differ by exactly 0.2.
         {{Read("a", 0, 1, 1000), Read("b", 1.5, 1, 900)}, ""},
         {{Read("a", 0, 1, 1000), Read("b", 1.25, 1, 900)}, "a+b"},
@@ -110,7 +89,7 @@ TEST(PairRule, BoundariesOrderAndCandidates) {
     EXPECT_FLOAT_EQ(candidates[2].length_ratio, 480.0f / 450.0f);
 }
 
-TEST(PairList, ReadsIndexKeepsListedFilesAndLogsTheCount) {
+TEST(PairList, ReadsIndexKeepsListedFiles) {
     const TestSupport::TempDir dir;
     Touch(dir.path, {"reads/r1.rawh5", "reads/r2.rawh5", "reads/r3.rawh5", "reads/r4.rawh5", "reads/r5.txt",
                      "reads/sub/r6.rawh5", "reads/x.rawh5", "reads/y.rawh5", "reads/c d.rawh5", "reads/one/a.rawh5",
@@ -126,18 +105,7 @@ TEST(PairList, ReadsIndexKeepsListedFilesAndLogsTheCount) {
         "missing.rawh5\tidm\trunA\t2\t12.3\t1.0\t950\tx\r\nr5.txt\tid5\trunA\t2\t12.4\t1.0\t950\tx\r\n"
         "r6.rawh5\tid6\trunA\t2\t12.4\t1.0\t950\tx\r\n");
     const auto input = (dir.path / "reads").string();
-
-    Common::logging::LoggerOptions options;
-    auto& sink = options.Sink(Common::logging::Loggers::StdOut) = Common::logging::SinkOptions();
-    sink.severities = {Common::logging::attributes::SeverityLevel::message};
-    sink.enabled = true;
-    testing::internal::CaptureStdout();
-    std::vector<ReadPair> pairs;
-    {
-        Common::logging::LoggerGroup group(options);
-        pairs = Marlo::GetFileList(index, input, false, nullptr);
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Found 2 read pairs to process.\n");
+    const auto pairs = Marlo::GetFileList(index, input, false, nullptr);
     ASSERT_EQ(Ids(pairs), "id3+id4 id1+id2");
     EXPECT_EQ(pairs[0], (ReadPair{(fs::path(input) / "r3.rawh5").string(), (fs::path(input) / "r4.rawh5").string(),
                                   "id3", "id4"}));
@@ -165,13 +133,8 @@ TEST(PairList, BadIndexMessages) {
     Touch(dir.path, {"in/a.rawh5"});
     const auto input = (dir.path / "in").string();
     const auto missing = (dir.path / "none.txt").string();
-    const struct {
-        std::string index;  // the file's text; empty: no file at all
-        std::string message;
-    } cases[] = {
-        // The first missing required column is named.
-        {"filename\tread_id\trun_id\tchannel\tstart_time\tsequence_length_template\n",
-         "Required column \"duration\" not found in 1d2 index file: "},
+    const struct { std::string index, message; } cases[] = {  // index: the file's text; empty: no file at all
+        // The first missing required column is named (a missing "duration" is in the program's own tests).
         {"filename\n", "Required column \"read_id\" not found in 1d2 index file: "},
         {"read_id\trun_id\tchannel\tstart_time\tduration\tsequence_length_template\n",
          "Required column \"filename\" or \"filename_rawh5\" not found in 1d2 index file: "},

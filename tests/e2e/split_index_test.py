@@ -1,14 +1,7 @@
 #!/usr/bin/env python3
-"""The workflow's index split, on random indexes against a plain pairing of the whole index: every
-row lands in exactly one shard, the shards together find exactly the pairs of the whole index, and
-no shard has more rows than another by more than the largest group. Then the text cases: comment
-lines, byte order mark and CR line ends pass through; a short row is refused with its line."""
-import collections
-import os
-import random
-import subprocess
-import sys
-import tempfile
+"""Index split: each row in one shard, the shards' pairs those of the whole index, loads within a group of
+each other; comments, byte order mark and CR line ends pass through; a short row is refused."""
+import collections, os, random, subprocess, sys, tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SCRIPT = os.path.join(HERE, "..", "..", "workflow", "scripts", "split_index.py")
@@ -19,8 +12,8 @@ HEADER = b"filename\tread_id\trun_id\tchannel\tstart_time\tduration\tsequence_le
 
 
 def pairs_of(lines):
-    """Pairs as the pair caller finds them: per run and channel, by start time, neighbours whose gap
-    is under 0.5 s and whose lengths differ by under 20%, each read in one pair at most."""
+    """Per run and channel, by start time: neighbours less than 0.5 s and 20% in length apart, each
+    read in one pair at most."""
     groups = {}
     for line in lines:
         f = line.rstrip(b"\n").split(b"\t")
@@ -30,13 +23,10 @@ def pairs_of(lines):
         reads.sort()
         i = 0
         while i + 1 < len(reads):
-            a, b = reads[i], reads[i + 1]
-            longer = max(a[2], b[2])
-            if b[0] - a[1] < 0.5 and longer and (longer - min(a[2], b[2])) / longer < 0.2:
-                found.add((a[3], b[3]))
-                i += 2
-            else:
-                i += 1
+            (_, end, n1, id1), (start, _, n2, id2) = reads[i], reads[i + 1]
+            paired = start - end < 0.5 and max(n1, n2) and abs(n1 - n2) / max(n1, n2) < 0.2
+            found |= {(id1, id2)} if paired else set()
+            i += 2 if paired else 1
     return found
 
 
@@ -45,13 +35,12 @@ def check_random(rng):
     rows = [b"f.rawh5\tread%d\t%s\t%s\t%.3f\t%.3f\t%d\n"
             % (n, rng.choice([b"r1", b"r2", b"r1_3"]), rng.choice([b"1", b"2", b"3_1", b"10"]), rng.uniform(0, 30),
                rng.uniform(0.1, 3), rng.choice([900, 1000, 1100, 2000])) for n in range(rng.randint(0, 120))]
-    shards = rng.randint(1, 6)
     with tempfile.TemporaryDirectory() as tmp:
         path = os.path.join(tmp, "index.tsv")
         with open(path, "wb") as f:
             f.write(HEADER + b"".join(rows))
         preamble, keyed = split_index.read_index(path)
-        out = split_index.split(preamble, keyed, shards)
+        out = split_index.split(preamble, keyed, rng.randint(1, 6))
     bodies = [lines[1:] for lines in out]
     assert all(lines[0] == HEADER for lines in out)
     assert sorted(sum(bodies, [])) == sorted(rows), "rows lost or repeated"

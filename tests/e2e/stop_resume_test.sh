@@ -1,12 +1,8 @@
 #!/usr/bin/env bash
-# Both steps, stopped part-way and resumed, must end with exactly the outputs of a run never stopped.
-# The single-strand step: SIGTERM in place after a random number of index rows (exit 143, a message,
-# a new start without --resume refused); SIGKILL with copies to --output_path, then a FASTQ cut inside
-# its last record, that read's row gone and a dead process's temporary left (the input stays
-# untouched); the pair runs below read the killed run's copies. The pair run: STOPS is a list of
-# "term:SECONDS" or "kill:SECONDS" (after a kill, a record without its row and a cut record are
-# appended to the last FASTQ file, and half a row to the summary, as kills during the writes leave
-# them); each gets a fresh save path and is resumed. Default: one of each, drawn from the seed.
+# Both steps, stopped and resumed, end with the outputs of a run never stopped. The single-strand step gets
+# SIGTERM, then SIGKILL with a cut FASTQ record, its row gone and a dead process's temporary left. The pair
+# run: STOPS lists "term:SECONDS", "kill:SECONDS" or "gzkill" (--compress_fastq, once a file is written);
+# after a kill come a record without its row, a cut record and half a summary row. Default: one of each.
 #
 #   stop_resume_test.sh BIN_DIR [STOPS]
 set -euo pipefail
@@ -15,14 +11,21 @@ WORK=$(mktemp -d /tmp/kvx_resume.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
 SEED=${KVX_RESUME_SEED:-$RANDOM}
 RANDOM=$SEED
-STOPS=${2:-"term:$((1 + RANDOM % 5)) kill:$((1 + RANDOM % 5))"}
+STOPS=${2:-"term:$((1 + RANDOM % 5)) kill:$((1 + RANDOM % 5)) gzkill"}
 ROWS=$((1 + RANDOM % 7))
 echo "seed $SEED, single-strand stop after $ROWS rows, pair stops: $STOPS"
 status=0
 fail() { echo "FAIL: $*"; status=1; }
 
-. "$(dirname "$0")/small_pair_set.sh"
-small_pair_set "$BIN" "$WORK" 12 3
+# Short molecules, an untouched copy of the reads in original/; one caller holding few chunks, so that a
+# stop leaves pairs to resume, and few records per file, so that files roll over.
+"$BIN/read_simulator" --output "$WORK/data" --seed 7 --molecules 12 --min_length 2000 --max_length 4000 \
+    --pair_fraction 0.8 --reads_per_file 3 --legacy_fraction 0.25 >/dev/null
+cp -r "$WORK/data/reads" "$WORK/original"
+"$BIN/basecaller_1d" --input_path "$WORK/data/reads" --save_path "$WORK/ss" --workers 2 --quiet >/dev/null
+PAIR_OPTS=(--flowcell KFC-R1A --kit KLK-D210 --num_callers 1 --cpu_threads_per_caller 1 --chunks_per_caller 2
+           --records_per_fastq 3 --qscore_filtering --min_qscore 6.5 --quiet)
+ARGS=("${PAIR_OPTS[@]}" --index_file "$WORK/ss/index_1d.tsv" --input_path "$WORK/data/reads")
 
 rows() { [ -f "$1/index_1d.tsv" ] && echo $(($(wc -l <"$1/index_1d.tsv") - 1)) || echo 0; }
 sorted_outputs() { tail -n +2 "$1/index_1d.tsv" | sort; paste - - - - <"$1/calls_1d.fastq" | sort; }
@@ -75,45 +78,56 @@ ARGS=("${PAIR_OPTS[@]}" --index_file "$WORK/kill/index_1d.tsv" --input_path "$WO
 n=0
 for stop in $STOPS; do
     kind=${stop%%:*}
-    seconds=${stop##*:}
     n=$((n + 1))
     out="$WORK/run$n"
-    "$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$out" &
+    gz=()
+    [ "$kind" = gzkill ] && gz=(--compress_fastq)
+    "$BIN/basecaller_1d2" "${ARGS[@]}" "${gz[@]}" --save_path "$out" &
     pid=$!
-    sleep "$seconds"
-    if [ "$kind" = term ]; then kill -TERM "$pid" 2>/dev/null || true; else kill -KILL "$pid" 2>/dev/null || true; fi
+    if [ "$kind" = gzkill ]; then
+        for _ in $(seq 100); do [ -n "$(ls "$out"/*/*.fastq.gz 2>/dev/null)" ] && break; sleep 0.1; done
+    else
+        sleep "${stop##*:}"
+    fi
+    kill "-$([ "$kind" = term ] && echo TERM || echo KILL)" "$pid" 2>/dev/null || true
     code=0
     wait "$pid" || code=$?
-    if [ "$kind" = term ] && [ "$code" != 0 ] && [ "$code" != 143 ]; then
-        echo "FAIL: $stop: exit $code, expected 143 (stopped) or 0 (finished first)"
-        status=1
+    [ "$kind" != term ] || [ "$code" = 0 ] || [ "$code" = 143 ] ||
+        fail "$stop: exit $code, expected 143 (stopped) or 0 (finished first)"
+    last=$(ls -t "$out"/pass/*.fastq* "$out"/fail/*.fastq* 2>/dev/null | head -n 1 || true)
+    if [ "$kind" = kill ] && [ -n "$last" ]; then
+        printf '@no_row_yet runid=x\nACGT\n+\n!!!!\n@cut_inside runid=x\nACG' >>"$last"
+    elif [ "$kind" = gzkill ] && [ -n "$last" ]; then
+        printf '@no_row_yet runid=x\nACGT\n+\n!!!!\n' | gzip -c >>"$last"
+        printf '@cut_inside runid=x\nACGTACGTACGT\n+\n!!!!!!!!!!!!\n' | gzip -c | head -c 25 >>"$last"
     fi
-    if [ "$kind" = kill ]; then
-        last=$(ls -t "$out"/pass/*.fastq "$out"/fail/*.fastq 2>/dev/null | head -n 1 || true)
-        if [ -n "$last" ]; then
-            # What a kill between a record and its row, and then inside the next record, leaves.
-            printf '@no_row_yet runid=x\nACGT\n+\n!!!!\n@cut_inside runid=x\nACG' >>"$last"
-        fi
-        [ -f "$out/sequencing_summary.txt" ] && printf 'cut_row\tcut' >>"$out/sequencing_summary.txt"
-    fi
+    [ "$kind" != term ] && [ -f "$out/sequencing_summary.txt" ] && printf 'cut_row\tcut' >>"$out/sequencing_summary.txt"
     before=0
     [ -f "$out/sequencing_summary.txt" ] && before=$(($(wc -l <"$out/sequencing_summary.txt") - 1))
     echo "$stop: exit $code with $before summary lines"
-    # A save path with rows is refused without --resume.
-    if [ -f "$out/sequencing_summary.txt" ] && [ "$(wc -l <"$out/sequencing_summary.txt")" -gt 1 ]; then
-        if "$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$out" >/dev/null 2>&1; then
-            echo "FAIL: $stop: a second run without --resume went ahead"
-            status=1
-        fi
+    # A save path with rows is refused without --resume, a compressed one also without --compress_fastq.
+    [ "$before" -gt 0 ] && "$BIN/basecaller_1d2" "${ARGS[@]}" "${gz[@]}" --save_path "$out" >/dev/null 2>&1 &&
+        fail "$stop: a second run without --resume went ahead"
+    if [ "$kind" = gzkill ]; then
+        "$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$out" --resume >/dev/null 2>&1 &&
+            fail "a compressed save path was resumed without --compress_fastq"
+        grep -q "holds compressed FASTQ files of the run to resume" "$out"/marlo_basecaller_1d2_log-*.log ||
+            fail "the refusal to resume without --compress_fastq is not in the log"
     fi
-    "$BIN/basecaller_1d2" "${ARGS[@]}" --save_path "$out" --resume
+    "$BIN/basecaller_1d2" "${ARGS[@]}" "${gz[@]}" --save_path "$out" --resume
     /usr/bin/python3 - "$WORK/reference" "$out" "$stop" <<'PY' || status=1
-import collections, glob, os, sys
+import collections, glob, gzip, os, sys
 reference, resumed, stop = sys.argv[1:]
-def outputs(root):
+def outputs(root, gz):
     records = collections.Counter()
-    for path in glob.glob(os.path.join(root, "*", "*.fastq")):
-        lines = open(path).read().split("\n")
+    for path in glob.glob(os.path.join(root, "*", "*.fastq*")):
+        # A compressed run has the file names of a plain one plus ".gz", each whole gzip to its last byte.
+        name = os.path.relpath(path, root)
+        records["<file %s>" % (name[:-3] if gz and name.endswith(".gz") else name)] += 1
+        try:
+            lines = (gzip.open(path, "rt") if path.endswith(".gz") else open(path)).read().split("\n")
+        except (EOFError, OSError):
+            lines = ["<cut gzip>"]
         if lines[-1] != "" or (len(lines) - 1) % 4:
             records["<cut file %s>" % os.path.basename(path)] += 1
         if len(lines) - 1 > 4 * 3:  # --records_per_fastq 3 holds for files taken up on resume too
@@ -122,17 +136,13 @@ def outputs(root):
             records[(os.path.basename(os.path.dirname(path)),) + tuple(lines[i:i + 4])] += 1
     rows = open(os.path.join(root, "sequencing_summary.txt")).read().split("\n")
     return records, collections.Counter(rows[1:]), rows[0]
-ref, got = outputs(reference), outputs(resumed)
-errors = []
-if got[2] != ref[2]:
-    errors.append("summary header differs")
+ref, got = outputs(reference, False), outputs(resumed, stop == "gzkill")
+errors = ["summary header differs"] if got[2] != ref[2] else []
 for name, a, b in (("FASTQ records", ref[0], got[0]), ("summary rows", ref[1], got[1])):
     if a != b:
         errors.append("%s differ: %d missing, %d extra or repeated" % (name, sum((a - b).values()), sum((b - a).values())))
 print("%s: %d records, %d rows%s" % (stop, sum(got[0].values()), sum(got[1].values()) - 1, "" if errors else ", same as the uninterrupted run"))
-for e in errors:
-    print("FAIL:", stop, e)
-sys.exit(1 if errors else 0)
+sys.exit("".join("FAIL: %s %s\n" % (stop, e) for e in errors) or 0)
 PY
 done
 exit $status

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# The Snakemake workflow, split into 3 shards on 2 cores, must give the outputs of one plain pair run
-# on the same set: the same FASTQ records in pass/ and fail/ and the same summary rows (order aside),
-# with a given index and from raw reads (where the gathered single-strand index must also be the
-# index of one single-strand run). A shard that lost its last pair is redone by a rerun, and only that.
+# The Snakemake workflow in 3 shards gives the FASTQ records and summary rows of one plain pair run, with
+# a given index and from raw reads (whose gathered single-strand outputs are those of one run). A shard
+# that lost its last pair is redone by a rerun, and only that shard.
 #
 #   workflow_test.sh BIN_DIR [SNAKEMAKE]
 set -euo pipefail
@@ -31,12 +30,10 @@ workflow() {
 }
 workflow reads=data/reads index=ss/index_1d.tsv out=with_index
 workflow reads=raw out=from_raw
-
 status=0
 fail() { echo "FAIL: $*"; status=1; }
 
-# Records and rows as sorted lines. The summary is compared whole: it has no column that may differ
-# between runs (file names are the read files' own, times those of the reads, no paths or clocks).
+# Records and rows as sorted lines; no summary column may differ between runs (no paths or clocks).
 outputs() {
     for folder in pass fail; do
         cat /dev/null "$1/$folder"/*.fastq 2>/dev/null | paste - - - - | sed "s/^/$folder\t/"
@@ -60,10 +57,9 @@ for path in glob.glob(os.path.join(sys.argv[1], "pass", "*")) + glob.glob(os.pat
     m = re.fullmatch(r"fastq_runid_(.+)_([0-9]+)\.fastq", os.path.basename(path))
     numbers[(os.path.dirname(path), m and m.group(1))].append(int(m.group(2)) if m else -1)
     if sum(1 for _ in open(path)) > 4 * 2:
-        print("FAIL: %s holds more than 2 records" % path); sys.exit(1)
-for key, found in numbers.items():
-    if sorted(found) != list(range(len(found))):
-        print("FAIL: %s: file numbers %s" % (key, sorted(found))); sys.exit(1)
+        sys.exit("FAIL: %s holds more than 2 records" % path)
+bad = [(key, sorted(found)) for key, found in numbers.items() if sorted(found) != list(range(len(found)))]
+sys.exit("FAIL: file numbers %s" % bad if bad else 0)
 PY
 }
 compare with_index
@@ -74,21 +70,16 @@ done
 (cd raw && md5sum --quiet -c ../raw.md5) || fail "the single-strand jobs wrote into the input read files"
 [ "$(ls with_index/telemetry | wc -l)" = 3 ] || fail "not every shard's telemetry was kept"
 
-# A shard whose last pair was lost (its row cut, as a kill leaves it; the job unfinished, so no merge)
-# is taken up by a rerun, which calls that one pair and leaves the other shards alone.
+# A shard's last row cut, as a kill leaves it, and the job unfinished: a rerun redoes that shard only.
 shard=with_index/shards/shard_1_of_3
-rows=$(($(wc -l <$shard/sequencing_summary.txt) - 1))
-if [ "$rows" -ge 1 ]; then
-    head -n -1 $shard/sequencing_summary.txt >cut && printf 'half a row' >>cut && mv cut $shard/sequencing_summary.txt
-    rm $shard.done with_index/sequencing_summary.txt
-    workflow reads=data/reads index=ss/index_1d.tsv out=with_index
-    compare with_index
-    attempts() { grep -c '^== exit' "with_index/logs/steps/pairs/$1.log"; }
-    [ "$(attempts shard_1_of_3)" = 2 ] || fail "the cut shard was not run again"
-    [ "$(attempts shard_0_of_3)" = 1 ] || fail "an untouched shard was run again"
-else
-    fail "shard 1 of 3 has no pairs; choose another set"
-fi
+[ "$(wc -l <$shard/sequencing_summary.txt)" -ge 2 ] || fail "shard 1 of 3 has no pairs; choose another set"
+head -n -1 $shard/sequencing_summary.txt >cut && printf 'half a row' >>cut && mv cut $shard/sequencing_summary.txt
+rm $shard.done with_index/sequencing_summary.txt
+workflow reads=data/reads index=ss/index_1d.tsv out=with_index
+compare with_index
+attempts() { grep -c '^== exit' "with_index/logs/steps/pairs/$1.log"; }
+[ "$(attempts shard_1_of_3)" = 2 ] || fail "the cut shard was not run again"
+[ "$(attempts shard_0_of_3)" = 1 ] || fail "an untouched shard was run again"
 
 # Options the workflow sets itself are refused with a message, before anything runs.
 if "$SNAKEMAKE" -s "$SNAKEFILE" -n --cores 2 --config bin="$BIN" reads=raw out=refused args="--save_path x" >refused.log 2>&1 ||

@@ -4,31 +4,24 @@
 #include <fstream>
 #include <map>
 #include <numeric>
+#include <utility>
 #include <string>
 #include <vector>
 
 #include "../common/test_support.h"
 #include "call_evaluator.h"
+#include "read_simulator.h"
 
 using namespace TestBed;
 
 namespace {
 // No base repeats its neighbour, so every error below has exactly one best place in the alignment.
 const std::string kTruth = "ACGTAGCTGATCGATGCATCAGTC";
-
-std::string reverseComplement(const std::string& s) {
-    static const std::map<char, char> pairs{{'A', 'T'}, {'C', 'G'}, {'G', 'C'}, {'T', 'A'}};
-    std::string rc;
-    for (auto it = s.rbegin(); it != s.rend(); ++it) {
-        rc += pairs.at(*it);
-    }
-    return rc;
-}
+const auto reverseComplement = ReadSimulator::ReverseComplement;
 }  // namespace
 
-// Each call's errors must land on the call bases named here (index in the call as written -> charge),
-// the columns must give the identity of `matches`, and, through a quality string that gives base i
-// the printed value i + 1, the charges must land in the matching bins.
+// Each call's errors land on the call bases named (index as written -> charge) and give the identity of
+// `matches`; with printed quality i + 1 at base i, the charges land in the matching bins.
 TEST(CallEvaluator, ErrorsLandOnTheirCallBasesAndQualityBins) {
     const std::string sub = kTruth.substr(0, 7) + "A" + kTruth.substr(8);               // T -> A at 7
     const std::string ins = kTruth.substr(0, 6) + "T" + kTruth.substr(6);               // T before 6
@@ -60,9 +53,7 @@ TEST(CallEvaluator, ErrorsLandOnTheirCallBasesAndQualityBins) {
         const BaseCharges got = ChargeBases(c.call, kTruth);
         EXPECT_EQ(got.reverse, c.reverse);
         std::vector<double> expected(c.call.size(), 0.0);
-        for (const auto& [index, charge] : c.charges) {
-            expected.at(index) = charge;
-        }
+        for (const auto& [index, charge] : c.charges) expected.at(index) = charge;
         EXPECT_EQ(got.charges, expected);
         const double errors = std::accumulate(expected.begin(), expected.end(), 0.0);
         const auto& n = got.counts;
@@ -70,9 +61,7 @@ TEST(CallEvaluator, ErrorsLandOnTheirCallBasesAndQualityBins) {
         EXPECT_DOUBLE_EQ(AlignToTruth(c.call, kTruth).Identity(), c.matches / (c.matches + errors));
 
         std::string quality;
-        for (std::size_t i = 0; i < c.call.size(); ++i) {
-            quality += static_cast<char>(33 + 1 + i);
-        }
+        for (std::size_t i = 0; i < c.call.size(); ++i) quality += static_cast<char>(33 + 1 + i);
         QualityBins bins;
         ASSERT_TRUE(bins.Add(quality, got.charges));
         ASSERT_EQ(bins.bases.size(), c.call.size() + 1);
@@ -89,15 +78,13 @@ TEST(CallEvaluator, ErrorsLandOnTheirCallBasesAndQualityBins) {
 
 TEST(CallEvaluator, SummaryQscoresAndReaders) {
     const double phred[][3] = {{1, 10, 10}, {1, 1000, 30}, {0, 1000, 60}, {1, 1e9, 60}, {0, 0, 60}};
-    for (const auto& p : phred) {
-        EXPECT_DOUBLE_EQ(PhredOf(p[0], p[1]), p[2]) << p[0] << " in " << p[1];
-    }
+    for (const auto& p : phred) EXPECT_DOUBLE_EQ(PhredOf(p[0], p[1]), p[2]) << p[0] << " in " << p[1];
     auto s = Summarise("x", {0.9, 0.8, 1.0, 0.7, 0.95});
     EXPECT_EQ(s.count, 5u);
-    EXPECT_DOUBLE_EQ(s.median, 0.9);
-    EXPECT_NEAR(s.mean, 0.87, 1e-12);
-    EXPECT_NEAR(s.p10, 0.74, 1e-12);  // 0.7 + 0.4 * (0.8 - 0.7)
-    EXPECT_NEAR(s.median_qscore, 10.0, 1e-9);
+    // p10 is 0.7 + 0.4 * (0.8 - 0.7); the median's error of 0.1 is Q 10.
+    const std::vector<std::pair<double, double>> values{{s.median, 0.9}, {s.mean, 0.87}, {s.p10, 0.74},
+                                                        {s.median_qscore, 10.0}};
+    for (const auto& [got, want] : values) EXPECT_NEAR(got, want, 1e-9) << want;
     EXPECT_DOUBLE_EQ(Summarise("perfect", {1.0}).median_qscore, 60.0);
     EXPECT_EQ(Summarise("empty", {}).count, 0u);
     EXPECT_NE(FormatJson({s}).find("\"median_identity\": 0.9"), std::string::npos);
@@ -106,8 +93,7 @@ TEST(CallEvaluator, SummaryQscoresAndReaders) {
     const TestSupport::TempDir dir;
     auto fasta = ReadSequences(dir.File("r.fa", ">r1 extra words\nACGT\nTTGG\n>r2\nCC\n"));
     ASSERT_EQ(fasta.size(), 2u);
-    EXPECT_EQ(fasta[0].id, "r1");
-    EXPECT_EQ(fasta[0].sequence, "ACGTTTGG");
+    EXPECT_EQ(fasta[0].id + " " + fasta[0].sequence, "r1 ACGTTTGG");
     // q2 is cut short.
     EXPECT_THROW(ReadSequences(dir.File("r.fq", "@q1 runid=abc\r\nACGU\r\n+\r\n!!!!\r\n@q2\nAC\n")), std::runtime_error);
 }

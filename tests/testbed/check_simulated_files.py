@@ -2,7 +2,6 @@
 """Checks simulated read files with h5py: every attribute the reader requires, of the kind it requires."""
 import sys
 from pathlib import Path
-
 import h5py
 import numpy as np
 
@@ -31,8 +30,7 @@ for path in sorted(Path(sys.argv[1]).glob("*.rawh5")):
             key = f["UniqueGlobalKey"]
             reads_of_file = [({"Raw": f["Raw/Reads"][name], "channel_id": key["channel_id"],
                                "tracking_id": key["tracking_id"]}, path.name)]
-            if "file_version" not in f.attrs:
-                errors.append("%s: no file_version" % path.name)
+            errors += [] if "file_version" in f.attrs else ["%s: no file_version" % path.name]
         else:
             reads_of_file = [(group, path.name + "/" + name) for name, group in f.items()]
         for groups, where in reads_of_file:
