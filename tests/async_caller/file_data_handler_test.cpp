@@ -25,7 +25,7 @@ struct Handler : TestSupport::LabelAligner {
 
 std::string newFile(const std::string& stem) {
     static int serial = 0;
-    return TestSupport::Scratch().File(stem + "_" + std::to_string(serial++) + ".rawh5");
+    return TestSupport::ScratchFile(stem + "_" + std::to_string(serial++) + ".rawh5");
 }
 
 ReadRecipe simpleRecipe(const std::string& sequence, std::vector<std::uint8_t> moves) {
@@ -272,7 +272,7 @@ using TestSupport::writePairs;
 TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     const std::string path = newFile("pairs");
     std::mt19937 random(11);
-    const auto pairs = writePairs(path, "p", randomMolecules(2, 120, random), random);
+    const auto pairs = writePairs(path, "p", randomMolecules(2, 120, 120, random), random);
     Handler h(/*flags=*/3);
     TestSupport::LogCapture log;
     for (const auto& p : pairs) h->SubmitFilePair(p);
@@ -318,7 +318,7 @@ TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
 TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
     const std::string path = newFile("bad_pairs");
     std::mt19937 random(2);
-    std::vector<std::string> bases = randomMolecules(3, 60, random);
+    std::vector<std::string> bases = randomMolecules(3, 60, 60, random);
     bases.push_back("ACGTA");  // one block each: the path has a single aligned entry
     const auto pairs = writePairs(path, "p", bases, random, [](std::size_t i, ReadRecipe& one, ReadRecipe& two) {
         if (i == 0) two.basecall = false;
@@ -357,7 +357,7 @@ TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
 
 TEST(PairLoading, AtMostAHundredPairsWaitLoaded) {
     std::mt19937 random(5);
-    const auto pairs = writePairs(newFile("many"), "p", randomMolecules(102, 40, random), random);
+    const auto pairs = writePairs(newFile("many"), "p", randomMolecules(102, 40, 40, random), random);
     Handler h;
     for (const auto& p : pairs) h->SubmitFilePair(p);
     h->NoMoreData();
