@@ -54,25 +54,18 @@ TEST(BasecallParams, EveryOptionIsKnownExactlyWhereItIsDeclared) {
     }
 }
 
-TEST(BasecallParams, ShortNamesAndSwitches) {
+TEST(BasecallParams, ShortNamesSwitchesAndZeroCounts) {
     BasecallParams params;
     const auto flags = Parse(params, {"-m", "model.json", "-x", "auto", "-k", "kernels", "-z", "--verbose_logs",
                                       "--hp_correct", "0"});
     EXPECT_EQ(flags, 0u) << params.ErrorText() << params.MessageText();
-    EXPECT_EQ(params.model_file, "model.json");
-    EXPECT_EQ(params.device, "auto");
-    EXPECT_EQ(params.kernel_path, "kernels");
-    EXPECT_TRUE(params.quiet);
-    EXPECT_TRUE(params.verbose_logs);
-    EXPECT_FALSE(params.hp_correct);
-}
-
-TEST(BasecallParams, ValidateRejectsAnyZeroCount) {
+    EXPECT_EQ(TestSupport::Fields(params.model_file, params.device, params.kernel_path, params.quiet,
+                                  params.verbose_logs, params.hp_correct),
+              "model.json auto kernels 1 1 0");
+    // A zero count fails validation, which logs the failure instead of adding it to the error text.
     for (const char* option : {"--num_callers", "--cpu_threads_per_caller", "--gpu_runners_per_device"}) {
-        BasecallParams params;
-        const auto flags = Parse(params, {option, "0"});
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed)) << option;
-        // The failure is logged, not added to the error text.
-        EXPECT_TRUE(params.ErrorText().empty());
+        BasecallParams zero;
+        EXPECT_EQ(Parse(zero, {option, "0"}), static_cast<std::uint32_t>(Parameters::ParseFailed)) << option;
+        EXPECT_TRUE(zero.ErrorText().empty());
     }
 }

