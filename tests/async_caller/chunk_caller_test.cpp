@@ -11,7 +11,6 @@ using namespace TestSupport;
 
 namespace {
 
-// Submits the chunk and waits for the caller to hand a chunk back.
 ChunkData* call(ChunkCallerMD& caller, ChunkDataMD& chunk) {
     caller.SubmitChunk(&chunk);
     ChunkData* done = nullptr;
@@ -43,14 +42,6 @@ TEST(ChunkCallerPool, ChunksComeBackInSubmissionOrder) {
     EXPECT_EQ(caller.GetCompletedChunk(false), nullptr);
     EXPECT_FALSE(caller.IsWorking());
 
-    // With no threads the chunk is called on the submitting thread, one at a time.
-    ThreadedFakeCaller inline_(0);
-    EXPECT_EQ(inline_.WorkerCount(), 1u);
-    inline_.SubmitChunk(&chunks[0]);
-    EXPECT_FALSE(inline_.IsWorking());
-    EXPECT_EQ(inline_.done, 1);
-    EXPECT_FALSE(inline_.HasFreeRunner());  // until its chunk is taken
-    EXPECT_EQ(inline_.GetCompletedChunk(false), &chunks[0]);
 }
 
 TEST(ChunkCallerPool, AWorkerFailureIsThrownByEveryLaterCall) {

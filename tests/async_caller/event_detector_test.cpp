@@ -5,7 +5,6 @@ using namespace AsyncCaller;
 
 namespace {
 
-// Levels of `width` samples each, with a little noise.
 std::vector<float> steps(const std::vector<float>& levels, std::size_t width, unsigned seed = 1) {
     std::mt19937 random(seed);
     std::normal_distribution<float> noise(0.0f, 0.2f);

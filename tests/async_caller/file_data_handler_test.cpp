@@ -11,7 +11,6 @@ using BasecallCommon::KernelIsa;
 
 namespace {
 
-// A pair handler of stride 5.
 struct Handler : LabelAligner {
     std::unique_ptr<FileDataHandlerMD> handler;
     explicit Handler(std::uint32_t flags = 0) : handler(new FileDataHandlerMD(5, aligner, 2, nullptr, flags)) {}

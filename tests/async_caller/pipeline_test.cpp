@@ -17,7 +17,6 @@ namespace {
 
 constexpr std::uint64_t kStride = 5;
 
-// 60 pairs of 150 to 250 bases over 2 files.
 const std::vector<ReadPair>& dataset() {
     static const std::vector<ReadPair> pairs = [] {
         std::vector<ReadPair> out;
@@ -61,20 +60,16 @@ RunResult runPipeline(const std::vector<ReadPair>& pairs, const Callers& callers
     RunResult run;
     {
         ParallelCaller pc(&handler, nullptr, callers);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
         run.failure = ErrorOf([&] {
-            while (pc.IsRunning()) {
+            const bool ended = Eventually([&] {
                 run.maxLoaded = std::max(run.maxLoaded, handler.LoadedCount());
                 for (auto& c : callers) {
                     run.maxChunks = std::max(run.maxChunks, static_cast<BufferedCaller&>(*c).ChunkCount(0));
                 }
-                if (std::chrono::steady_clock::now() > deadline) {
-                    ADD_FAILURE() << "the pipeline did not finish";
-                    pc.Stop();
-                    break;
-                }
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            }
+                return !pc.IsRunning();
+            }, 120);
+            if (!ended) pc.Stop();
+            EXPECT_TRUE(ended) << "the pipeline did not finish";
         }, "");
         if (!run.failure.empty()) {
             EXPECT_FALSE(pc.IsRunning());  // the failure is thrown once
@@ -117,9 +112,6 @@ TEST(Pipeline, EveryPairComesBackOnceWhateverTheCallersAndThreads) {
     // intervals of 54 new ones per chunk) brings at most 10 chunks, one more if the chunker adds one,
     // and one more for a split.
     EXPECT_LE(many.maxChunks, limit - 1 + 12);
-    const RunResult none = runPipeline({}, threaded(2, 1, 4));  // zero pairs end the run at once
-    EXPECT_TRUE(none.calls.empty());
-    EXPECT_EQ(none.readsDone, 0u);
 }
 
 TEST(Pipeline, FailuresReachTheOwnerWithEveryLayersPrefix) {

@@ -50,13 +50,12 @@ struct ReadRecipe {
     std::int64_t block_stride_value = 10;
     std::vector<std::string> model_states;  // non-empty: write an "Events" table of these
     boost::any channel_number = std::string("12");
-    std::uint64_t start_time = 4000;
 };
 
 inline DataAPI::ReadMetadata readMetadata(const ReadRecipe& recipe) {
     return {{"raw_data",
              {{"read_id", recipe.id}, {"duration", static_cast<unsigned int>(recipe.samples.size())},
-              {"read_number", 17u}, {"start_time", static_cast<unsigned long>(recipe.start_time)},
+              {"read_number", 17u}, {"start_time", 4000ul},
               {"start_mux", 1u}, {"median_before", 220.0}}},
             {"channel_id",
              {{"digitisation", 8192.0}, {"offset", 10.0}, {"range", 1400.0}, {"sampling_rate", 4000.0},
@@ -111,7 +110,6 @@ inline std::string reverseComplement(const std::string& s) {
     return out;
 }
 
-// `count` random molecules of `shortest` to `longest` bases.
 inline std::vector<std::string> randomMolecules(int count, std::size_t shortest, std::size_t longest,
                                                 std::mt19937& random) {
     std::vector<std::string> out(static_cast<std::size_t>(count));

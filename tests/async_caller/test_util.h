@@ -33,7 +33,6 @@
 
 namespace TestSupport {
 
-// The whole of a file, byte for byte; `path` is a std:: or boost:: path.
 template <typename Path>
 std::string Slurp(const Path& path) { return ReadText(path.string()); }
 

@@ -62,51 +62,42 @@ protected:
 
 }  // namespace
 
-TEST_F(TrimInFastqOutTest, SummaryAndFastqContentWithFiltering) {
+// Every pair gets a summary row; only the called ones get a FASTQ record, in the folder of their
+// mean qscore.
+TEST_F(TrimInFastqOutTest, SummaryRowsAndFastqRecordsWithFiltering) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    std::atomic<int> reports{0};
     {
-        auto processor = Make(true, 7.0f);
+        auto processor = Make(true, 7.0f, 2, [&reports](const ReadHolder&) { ++reports; });
         auto exact = Pair("exact", 7.0f);  // equal to the threshold passes
-        exact.strand_score = std::numeric_limits<float>::quiet_NaN();
-        auto low = Pair("low", 6.99f), high = Pair("high", 12.0f);
-        for (auto* pair : {&exact, &low, &high}) processor->PostProcess(*pair, 0);
+        exact.strand_score = nan;
+        auto low = Pair("low", 6.99f), high = Pair("high", 12.0f), failed = Pair("bad", 0.0f, "");
+        failed.read2.filename.clear();
+        failed.read1.run_id.clear();
+        auto unscored = Pair("nan", nan, "");
+        for (auto* pair : {&exact, &low, &high, &failed, &unscored}) processor->PostProcess(*pair, 1);
         EXPECT_TRUE(exact.passes_filtering && high.passes_filtering);
-        EXPECT_FALSE(low.passes_filtering);
+        EXPECT_FALSE(low.passes_filtering || failed.passes_filtering || unscored.passes_filtering);
     }
+    EXPECT_EQ(reports, 5);
     const auto lines = Split(Slurp(summary()));
-    ASSERT_EQ(lines.size(), 4u);
+    ASSERT_EQ(lines.size(), 6u);
     EXPECT_EQ(lines[1],
               "batch_0.rawh5\tbatch_1.rawh5\texact_1\texact_2\trun9\t412\t1.000000\t2.500000\t1.500000\t1.251250\t"
               "600\t500\t90.500000\t88.250000\t7.125000\t6.000000\t8\tTRUE\t7.000000\t0");
     EXPECT_EQ(Split(lines[2], "\t")[17], "FALSE");
     EXPECT_EQ(Split(lines[3], "\t")[17], "TRUE");
+    const auto cells = Split(lines[4], "\t");
+    ASSERT_EQ(cells.size(), 20u);
+    EXPECT_EQ(cells[1] + cells[4], "");  // no read file path, no run id
+    EXPECT_EQ(cells[16] + cells[17] + cells[18], "0FALSE0.000000");
+    EXPECT_EQ(Split(lines[5], "\t")[18], "0");  // NaN mean qscore
     const std::string tail = " runid=run9 sampleid=smp read=17 ch=412 start_time=2026-02-03T04:05:06Z\nACGTTGCA\n+\n";
     EXPECT_EQ(Slurp(dir / "pass" / "fastq_runid_run9_0.fastq"),
               "@exact_1" + tail + "++++++++\n@high_1" + tail + "++++++++\n");
     const std::string fail = Slurp(dir / "fail" / "fastq_runid_run9_0.fastq");
     EXPECT_EQ(fail.rfind("@low_1 runid=run9 ", 0), 0u);
     EXPECT_EQ(Split(fail).size(), 4u);
-}
-
-TEST_F(TrimInFastqOutTest, FailedPairsGetARowAndNoRecord) {
-    std::atomic<int> reports{0};
-    {
-        auto processor = Make(false, 7.0f, 2, [&reports](const ReadHolder&) { ++reports; });
-        auto failed = Pair("bad", 0.0f, "");
-        failed.read2.filename.clear();
-        failed.read1.run_id.clear();
-        auto nan = Pair("nan", std::numeric_limits<float>::quiet_NaN(), ""), good = Pair("good", 8.0f);
-        for (auto* pair : {&failed, &nan, &good}) processor->PostProcess(*pair, 1);
-        EXPECT_FALSE(failed.passes_filtering || nan.passes_filtering);
-    }
-    EXPECT_EQ(reports, 3);
-    const auto lines = Split(Slurp(summary()));
-    ASSERT_EQ(lines.size(), 4u);
-    const auto cells = Split(lines[1], "\t");
-    ASSERT_EQ(cells.size(), 20u);
-    EXPECT_EQ(cells[1] + cells[4], "");  // no read file path, no run id
-    EXPECT_EQ(cells[16] + cells[17] + cells[18], "0FALSE0.000000");
-    EXPECT_EQ(Split(lines[2], "\t")[18], "0");  // NaN mean qscore
-    EXPECT_EQ(Split(Slurp(dir / "fastq_runid_run9_0.fastq")).size(), 4u);  // only the called pair
 }
 
 TEST_F(TrimInFastqOutTest, AnUnwritableSummaryIsRefused) {
