@@ -28,18 +28,16 @@ const std::vector<std::pair<std::string, char>> kOptions = {
 
 }  // namespace
 
-TEST(BasecallParams, OptionsInTheirOrder) {
-    BasecallParams params;
-    params.InitOptions();
-    const auto names = params.OptionNames();
+TEST(BasecallParams, OptionsInTheirOrderEachKnownExactlyWhereItIsDeclared) {
+    BasecallParams defaults;
+    defaults.InitOptions();
+    const auto names = defaults.OptionNames();
     ASSERT_EQ(names.size(), kOptions.size());
-    for (std::size_t i = 0; i < names.size(); ++i) EXPECT_EQ(names[i], kOptions[i].first);
     // Printed defaults the user sees are checked in the run header; two here for the number formats.
-    EXPECT_EQ(params.PrintOption("chunk_size") + " " + params.PrintOption("min_qscore"), "1000 7.000000");
-}
-
-TEST(BasecallParams, EveryOptionIsKnownExactlyWhereItIsDeclared) {
-    for (const auto& option : kOptions) {
+    EXPECT_EQ(defaults.PrintOption("chunk_size") + " " + defaults.PrintOption("min_qscore"), "1000 7.000000");
+    for (std::size_t i = 0; i < kOptions.size(); ++i) {
+        const auto& option = kOptions[i];
+        EXPECT_EQ(names[i], option.first);
         for (const bool inFile : {true, false}) {
             BasecallParams params;
             std::istringstream config(option.first + " = 1\n");

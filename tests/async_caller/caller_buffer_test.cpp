@@ -18,9 +18,6 @@ struct Buffer {
         caller = std::make_unique<BufferedCaller>(std::unique_ptr<FakeEngine>(engine), dimension, chunk_size, stride,
                                                   overlap, limit, 0.0f, 1.0f);
     }
-    void setEngine(const std::function<void(FakeEngine&)>& change) {
-        engine->locked([&] { change(*engine); });
-    }
 };
 
 }  // namespace
@@ -85,7 +82,7 @@ TEST(CallerBuffer, SoftLimitLooksOnlyAtTheCountBeforeTheRead) {
 TEST(CallerBuffer, PrioritiesTakeTurnsStartingWithHigh) {
     Buffer b(100, 10, 10, 1000, 1, /*paused=*/true);
     for (int i = 0; i < 6; ++i) ASSERT_TRUE(b.caller->PassRead(*makePair(200, 10, 10 + i, i % 2)));
-    b.setEngine([](FakeEngine& e) { e.paused = false; });
+    b.engine->locked([&] { b.engine->paused = false; });
     ASSERT_TRUE(Eventually(
         [&] { return b.caller->NumCompletedReads(0) == 3 && b.caller->NumCompletedReads(1) == 3; }));
     EXPECT_EQ(b.engine->locked([&] { return b.engine->priorities; }), (std::vector<int>{1, 0, 1, 0, 1, 0}));
@@ -105,7 +102,7 @@ TEST(CallerBuffer, EngineMisbehaviourFailsTheWorkerOnce) {
     };
     for (const auto& c : cases) {
         Buffer b(c.chunkSize, c.stride, 10, 1000, 8);
-        b.setEngine(c.change);
+        b.engine->locked([&] { c.change(*b.engine); });
         auto read = makePair(c.chunkSize * c.stride * 3 - 100, c.stride, 1);
         ASSERT_TRUE(b.caller->PassRead(*read));
         // The stored failure of the worker, as the first public call rethrows it.

@@ -81,10 +81,8 @@ TEST(SignalScaling, EveryBuildMatchesTheScalarReference) {
         for (const std::size_t n : {0, 1, 7, 8, 9, 15, 16, 17, 31, 1000, 4099}) {
             std::vector<std::int16_t> raw(n);
             std::vector<float> x(n), expect(n), got(n);
-            for (std::size_t i = 0; i < n; ++i) {
-                raw[i] = static_cast<std::int16_t>(sample(random));
-                x[i] = value(random);
-            }
+            std::generate(raw.begin(), raw.end(), [&] { return static_cast<std::int16_t>(sample(random)); });
+            std::generate(x.begin(), x.end(), [&] { return value(random); });
             reference.toPicoamps(raw.data(), n, -241, 0.170898f, expect.data());
             kernels.toPicoamps(raw.data(), n, -241, 0.170898f, got.data());
             std::vector<float> expectNorm = x, gotNorm = x;
