@@ -28,18 +28,16 @@ const std::vector<std::pair<std::string, char>> kOptions = {
 
 }  // namespace
 
-TEST(BasecallParams, OptionsInTheirOrder) {
-    BasecallParams params;
-    params.InitOptions();
-    const auto names = params.OptionNames();
+TEST(BasecallParams, OptionsInTheirOrderEachKnownExactlyWhereItIsDeclared) {
+    BasecallParams defaults;
+    defaults.InitOptions();
+    const auto names = defaults.OptionNames();
     ASSERT_EQ(names.size(), kOptions.size());
-    for (std::size_t i = 0; i < names.size(); ++i) EXPECT_EQ(names[i], kOptions[i].first);
     // Printed defaults the user sees are checked in the run header; two here for the number formats.
-    EXPECT_EQ(params.PrintOption("chunk_size") + " " + params.PrintOption("min_qscore"), "1000 7.000000");
-}
-
-TEST(BasecallParams, EveryOptionIsKnownExactlyWhereItIsDeclared) {
-    for (const auto& option : kOptions) {
+    EXPECT_EQ(defaults.PrintOption("chunk_size") + " " + defaults.PrintOption("min_qscore"), "1000 7.000000");
+    for (std::size_t i = 0; i < kOptions.size(); ++i) {
+        const auto& option = kOptions[i];
+        EXPECT_EQ(names[i], option.first);
         for (const bool inFile : {true, false}) {
             BasecallParams params;
             std::istringstream config(option.first + " = 1\n");
@@ -54,25 +52,18 @@ TEST(BasecallParams, EveryOptionIsKnownExactlyWhereItIsDeclared) {
     }
 }
 
-TEST(BasecallParams, ShortNamesAndSwitches) {
+TEST(BasecallParams, ShortNamesSwitchesAndZeroCounts) {
     BasecallParams params;
     const auto flags = Parse(params, {"-m", "model.json", "-x", "auto", "-k", "kernels", "-z", "--verbose_logs",
                                       "--hp_correct", "0"});
     EXPECT_EQ(flags, 0u) << params.ErrorText() << params.MessageText();
-    EXPECT_EQ(params.model_file, "model.json");
-    EXPECT_EQ(params.device, "auto");
-    EXPECT_EQ(params.kernel_path, "kernels");
-    EXPECT_TRUE(params.quiet);
-    EXPECT_TRUE(params.verbose_logs);
-    EXPECT_FALSE(params.hp_correct);
-}
-
-TEST(BasecallParams, ValidateRejectsAnyZeroCount) {
+    EXPECT_EQ(TestSupport::Fields(params.model_file, params.device, params.kernel_path, params.quiet,
+                                  params.verbose_logs, params.hp_correct),
+              "model.json auto kernels 1 1 0");
+    // A zero count fails validation, which logs the failure instead of adding it to the error text.
     for (const char* option : {"--num_callers", "--cpu_threads_per_caller", "--gpu_runners_per_device"}) {
-        BasecallParams params;
-        const auto flags = Parse(params, {option, "0"});
-        EXPECT_EQ(flags, static_cast<std::uint32_t>(Parameters::ParseFailed)) << option;
-        // The failure is logged, not added to the error text.
-        EXPECT_TRUE(params.ErrorText().empty());
+        BasecallParams zero;
+        EXPECT_EQ(Parse(zero, {option, "0"}), static_cast<std::uint32_t>(Parameters::ParseFailed)) << option;
+        EXPECT_TRUE(zero.ErrorText().empty());
     }
 }

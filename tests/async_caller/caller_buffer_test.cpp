@@ -2,9 +2,8 @@
 #include "fake_engines.h"
 #include "test_util.h"
 
-using AsyncCaller::BufferedCaller;
-using AsyncCaller::ReadList;
-using TestSupport::FakeEngine;
+using namespace AsyncCaller;
+using namespace TestSupport;
 
 namespace {
 
@@ -19,12 +18,7 @@ struct Buffer {
         caller = std::make_unique<BufferedCaller>(std::unique_ptr<FakeEngine>(engine), dimension, chunk_size, stride,
                                                   overlap, limit, 0.0f, 1.0f);
     }
-    void setEngine(const std::function<void(FakeEngine&)>& change) {
-        engine->locked([&] { change(*engine); });
-    }
 };
-
-using TestSupport::Eventually;
 
 }  // namespace
 
@@ -39,20 +33,20 @@ TEST(CallerBuffer, ChunkCountForAReadLength) {
 TEST(CallerBuffer, ShortReadsCompleteAtOnceAndFinishDrainsTheRest) {
     Buffer b(100, 10, 10, 1000);
     // Under twenty stride intervals a read is passed back uncalled, at once; twenty make one chunk.
-    auto shortRead = TestSupport::makePair(190, 10, 1);
+    auto shortRead = makePair(190, 10, 1);
     ASSERT_TRUE(b.caller->PassRead(*shortRead));
     EXPECT_EQ(b.caller->NumCompletedReads(0), 1u);
     EXPECT_FALSE(shortRead->owns_raw);  // the holder handed over its signal with the read
     EXPECT_TRUE(b.engine->locked([&] { return b.engine->priorities.empty(); }));
     for (std::uint64_t i = 2; i <= 5; ++i) {
-        ASSERT_TRUE(b.caller->PassRead(*TestSupport::makePair(i == 2 ? 200 : 2000, 10, i)));
+        ASSERT_TRUE(b.caller->PassRead(*makePair(i == 2 ? 200 : 2000, 10, i)));
     }
     b.caller->Finish();
     EXPECT_EQ(b.caller->NumCompletedReads(0), 5u);
     EXPECT_EQ(b.caller->ChunkCount(0), 0u);
     EXPECT_FALSE(b.caller->IsBusy());
     EXPECT_FALSE(b.caller->CanAcceptRead(0, 0));
-    EXPECT_FALSE(b.caller->PassRead(*TestSupport::makePair(200, 10, 9)));
+    EXPECT_FALSE(b.caller->PassRead(*makePair(200, 10, 9)));
     ReadList out;
     b.caller->GetCompletedReads(out, 0);
     std::map<std::uint64_t, std::string> sequences;
@@ -77,7 +71,7 @@ TEST(CallerBuffer, SoftLimitLooksOnlyAtTheCountBeforeTheRead) {
                  {980, 1, true, 98},     {20, 1, true, 100},     {25, 1, false, 100}};
     std::uint64_t index = 0;
     for (const auto& c : cases) {
-        TestSupport::CountingHolder read(c.duration, ++index, c.priority);
+        CountingHolder read(c.duration, ++index, c.priority);
         EXPECT_EQ(b.caller->PassRead(read), c.taken) << index;
         EXPECT_EQ(b.caller->ChunkCount(c.priority), c.chunks) << index;
         EXPECT_TRUE(c.taken || (read.GetReadIndex() == index && read.read1.trimmed_duration == c.duration));
@@ -87,8 +81,8 @@ TEST(CallerBuffer, SoftLimitLooksOnlyAtTheCountBeforeTheRead) {
 
 TEST(CallerBuffer, PrioritiesTakeTurnsStartingWithHigh) {
     Buffer b(100, 10, 10, 1000, 1, /*paused=*/true);
-    for (int i = 0; i < 6; ++i) ASSERT_TRUE(b.caller->PassRead(*TestSupport::makePair(200, 10, 10 + i, i % 2)));
-    b.setEngine([](FakeEngine& e) { e.paused = false; });
+    for (int i = 0; i < 6; ++i) ASSERT_TRUE(b.caller->PassRead(*makePair(200, 10, 10 + i, i % 2)));
+    b.engine->locked([&] { b.engine->paused = false; });
     ASSERT_TRUE(Eventually(
         [&] { return b.caller->NumCompletedReads(0) == 3 && b.caller->NumCompletedReads(1) == 3; }));
     EXPECT_EQ(b.engine->locked([&] { return b.engine->priorities; }), (std::vector<int>{1, 0, 1, 0, 1, 0}));
@@ -108,11 +102,11 @@ TEST(CallerBuffer, EngineMisbehaviourFailsTheWorkerOnce) {
     };
     for (const auto& c : cases) {
         Buffer b(c.chunkSize, c.stride, 10, 1000, 8);
-        b.setEngine(c.change);
-        auto read = TestSupport::makePair(c.chunkSize * c.stride * 3 - 100, c.stride, 1);
+        b.engine->locked([&] { c.change(*b.engine); });
+        auto read = makePair(c.chunkSize * c.stride * 3 - 100, c.stride, 1);
         ASSERT_TRUE(b.caller->PassRead(*read));
         // The stored failure of the worker, as the first public call rethrows it.
-        EXPECT_EQ(TestSupport::AwaitError([&] { b.caller->CanAcceptRead(0, 0); }), prefix + c.text);
+        EXPECT_EQ(AwaitError([&] { b.caller->CanAcceptRead(0, 0); }), prefix + c.text);
         EXPECT_FALSE(b.caller->CanAcceptRead(0, 0));  // the text was taken once
         EXPECT_FALSE(b.caller->IsBusy());
         EXPECT_NO_THROW(b.caller->Finish());
@@ -125,6 +119,6 @@ TEST(BufferedCaller, EventDetectionOnlyForPairs) {
     EXPECT_TRUE(pair.engine->eventDetectionSet);
 
     Buffer single(100, 10, 10, 1000, 2, false, 0);
-    EXPECT_EQ(TestSupport::ErrorOf([&] { single.caller->SetEventDetection(3, 6, 1.4f, 9.0f, 0.2f); }),
+    EXPECT_EQ(ErrorOf([&] { single.caller->SetEventDetection(3, 6, 1.4f, 9.0f, 0.2f); }),
               "SetEventDetection() method not supported for 1d basecalling.");
 }

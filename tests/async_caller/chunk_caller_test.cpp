@@ -1,23 +1,17 @@
-#include "async_caller/buffered_caller.h"
 #include "async_caller/chunk_caller_md_cpu.h"
-#include "basecall_nn/basecall_config.h"
 #include "basecall_nn/nn_caller_cblas.h"
 #include "fake_engines.h"
 #include "log_capture.h"
 #include "read_files.h"
 #include "test_util.h"
 
-using AsyncCaller::ChunkCallerMDCpu;
-using AsyncCaller::ChunkData;
-using AsyncCaller::ChunkDataMD;
-using TestSupport::ErrorOf;
-using TestSupport::Eventually;
-using TestSupport::Fields;
+using namespace AsyncCaller;
+using namespace BasecallNN;
+using namespace TestSupport;
 
 namespace {
 
-// Submits the chunk and waits for the caller to hand a chunk back.
-ChunkData* call(AsyncCaller::ChunkCallerMD& caller, ChunkDataMD& chunk) {
+ChunkData* call(ChunkCallerMD& caller, ChunkDataMD& chunk) {
     caller.SubmitChunk(&chunk);
     ChunkData* done = nullptr;
     EXPECT_TRUE(Eventually([&] { return (done = caller.GetCompletedChunk(false)) != nullptr; }));
@@ -27,7 +21,7 @@ ChunkData* call(AsyncCaller::ChunkCallerMD& caller, ChunkDataMD& chunk) {
 }  // namespace
 
 TEST(ChunkCallerPool, ChunksComeBackInSubmissionOrder) {
-    TestSupport::ThreadedFakeCaller caller(2);
+    ThreadedFakeCaller caller(2);
     caller.hold = true;
     ChunkDataMD chunks[2];
     chunks[1].chunk_index = 1;
@@ -48,24 +42,16 @@ TEST(ChunkCallerPool, ChunksComeBackInSubmissionOrder) {
     EXPECT_EQ(caller.GetCompletedChunk(false), nullptr);
     EXPECT_FALSE(caller.IsWorking());
 
-    // With no threads the chunk is called on the submitting thread, one at a time.
-    TestSupport::ThreadedFakeCaller inline_(0);
-    EXPECT_EQ(inline_.WorkerCount(), 1u);
-    inline_.SubmitChunk(&chunks[0]);
-    EXPECT_FALSE(inline_.IsWorking());
-    EXPECT_EQ(inline_.done, 1);
-    EXPECT_FALSE(inline_.HasFreeRunner());  // until its chunk is taken
-    EXPECT_EQ(inline_.GetCompletedChunk(false), &chunks[0]);
 }
 
 TEST(ChunkCallerPool, AWorkerFailureIsThrownByEveryLaterCall) {
-    TestSupport::LogCapture log;
+    LogCapture log;
     const std::string text = "Exception thrown in ChunkCallerMDCpu worker thread: injected chunk failure";
     {
-        TestSupport::ThreadedFakeCaller caller(2, /*failAt=*/0);
+        ThreadedFakeCaller caller(2, /*failAt=*/0);
         ChunkDataMD chunk;
         caller.SubmitChunk(&chunk);
-        EXPECT_EQ(TestSupport::AwaitError([&] { caller.HasFreeRunner(); }), text);
+        EXPECT_EQ(AwaitError([&] { caller.HasFreeRunner(); }), text);
         EXPECT_EQ(ErrorOf([&] { caller.IsWorking(); }), text);
         EXPECT_EQ(ErrorOf([&] { caller.GetCompletedChunk(false); }), text);
     }
@@ -89,12 +75,12 @@ TEST(ChunkCallerMDCpu, Strand2PosteriorsAreReadBackwardAndComplemented) {
         const std::uint64_t rowStride = states + 1;  // the runner's rows end in the stay column
         std::vector<float> from(rows * rowStride), out(rows * states);
         for (float& x : from) x = value(random);
-        AsyncCaller::ReverseComplementRows(Common::MatView<const float>(from.data(), rows, states, rowStride, 1),
-                                           AsyncCaller::ReverseComplementStates(k), out.data());
+        ReverseComplementRows(Common::MatView<const float>(from.data(), rows, states, rowStride, 1),
+                                           ReverseComplementStates(k), out.data());
         for (std::uint64_t s = 0; s < states; ++s) {
             std::string kmer(k, 'A');  // first base in the highest bits
             for (std::uint64_t i = k, rest = s; i-- > 0; rest >>= 2) kmer[i] = "ACGT"[rest & 3];
-            const std::uint64_t rc = stateOf(TestSupport::reverseComplement(kmer));
+            const std::uint64_t rc = stateOf(reverseComplement(kmer));
             for (std::uint64_t i = 0; i < rows; ++i) {
                 ASSERT_EQ(out[i * states + s], from[(rows - 1 - i) * rowStride + rc]) << i << " " << kmer;
             }
@@ -104,47 +90,34 @@ TEST(ChunkCallerMDCpu, Strand2PosteriorsAreReadBackwardAndComplemented) {
 
 namespace {
 
-// A tiny raw-signal model written as a model file: a strided convolution to a few features and a
-// softmax over 4^k k-mer states plus the stay column. Random weights: the calls mean nothing, but
-// they run the whole way.
-std::string tinyModelFile(int k, bool transducer, int stride = 5, unsigned seed = 7) {
-    const int states = 1 << (2 * k);
-    const int features = 8;
-    std::mt19937 random(seed);
-    std::normal_distribution<float> weight(0.0f, 1.0f);
-    const auto numbers = [&](int count, float scale) {
-        std::ostringstream os;
-        os << "[";
-        for (int i = 0; i < count; ++i) os << (i ? "," : "") << weight(random) * scale;
-        os << "]";
-        return os.str();
-    };
-    std::ostringstream json;
-    json << "{\"meta\":{\"feature_function\":\"raw\",\"window\":[0],\"transducer\":" << (transducer ? "true" : "false")
-         << "},\"layers\":[{\"type\":\"input\",\"name\":\"in\",\"size\":1},"
-         << "{\"type\":\"convolution\",\"name\":\"conv\",\"size\":" << features << ",\"insize\":1,\"winlen\":" << stride
-         << ",\"stride\":" << stride << ",\"padding\":[" << stride / 2 << "," << stride - 1 - stride / 2
-         << "],\"activation\":\"tanh\"},"
-         << "{\"type\":\"softmax\",\"name\":\"out\",\"size\":" << states + 1 << "}],"
-         << "\"weights\":{\"conv\":{\"input\":" << numbers(stride * features, 1.0f)
-         << ",\"bias\":" << numbers(features, 0.1f) << "},"
-         << "\"out\":{\"input\":" << numbers(features * (states + 1), 2.0f)
-         << ",\"bias\":" << numbers(states + 1, 0.5f) << "}}}";
-    const std::string path =
-        TestSupport::Scratch().File("model_k" + std::to_string(k) + (transducer ? "_t" : "_n") + std::to_string(seed) + ".json");
-    std::ofstream(path) << json.str();
-    return path;
-}
-
-std::shared_ptr<const BasecallNN::NNCaller> loadModel(int k, bool transducer) {
-    BasecallNN::NNLoader loader(tinyModelFile(k, transducer));
-    auto network = std::make_shared<BasecallNN::NNCallerCblas>();
-    loader.LoadInto(*network);
+// A tiny network of random weights: the calls mean nothing, but they run the whole way. A raw model
+// is a convolution of stride 5 to 8 features, an event model a feed-forward layer over (level,
+// spread, dwell); both end in a softmax over 4^k k-mer states plus the stay column.
+std::shared_ptr<NNCallerCblas> tinyNetwork(int k, bool raw, int decodeType) {
+    const int in = raw ? 5 : 3, states = (1 << (2 * k)) + 1;
+    std::mt19937 random(7);
+    std::normal_distribution<float> normal(0.0f, 1.0f);
+    std::vector<float> w1(in * 8), b1(8), w2(8 * states), b2(states);
+    for (auto* v : {&w1, &b1, &w2, &b2}) {
+        for (float& x : *v) x = normal(random) * (v == &w2 ? 2.0f : 1.0f);  // softmax: sharper posteriors
+    }
+    auto network = std::make_shared<NNCallerCblas>();
+    const Common::MatView<const float> W1(w1.data(), in, 8, 8, 1);
+    const Common::VecView<const float> B1(b1.data(), 8, 1);
+    if (raw) network->AddConvolution(v_tanh, 1, 5, 8, 5, 2, 2, W1, B1);
+    else network->AddFeedforward(v_tanh, 3, 8, W1, B1);
+    network->AddSoftmax(8, states, Common::MatView<const float>(w2.data(), 8, states, states, 1),
+                        Common::VecView<const float>(b2.data(), states, 1));
+    network->num_states = states;
+    network->label_state = states - 1;
+    network->feature_kind = raw ? kFeaturesRaw : kFeaturesStudentise;
+    network->decode_type = decodeType;
+    network->window = {0};
     return network;
 }
 
 // A pair chunk over the first samples of each strand of the holder, with the holder's map.
-std::unique_ptr<ChunkDataMD> chunkOf(const AsyncCaller::ReadHolderMD& holder, std::uint64_t samples1,
+std::unique_ptr<ChunkDataMD> chunkOf(const ReadHolderMD& holder, std::uint64_t samples1,
                                      std::uint64_t samples2) {
     auto chunk = std::make_unique<ChunkDataMD>();
     chunk->raw1 = holder.raw1.slice(0, samples1, 1);
@@ -160,10 +133,10 @@ std::unique_ptr<ChunkDataMD> chunkOf(const AsyncCaller::ReadHolderMD& holder, st
 }  // namespace
 
 TEST(ChunkCallerMDCpu, CallsAPairChunkTheSameWhateverTheThreads) {
-    const auto holder = TestSupport::makePair(400, 5, 3);
+    const auto holder = makePair(400, 5, 3);
     for (const bool transducer : {true, false}) {
         SCOPED_TRACE(transducer);
-        auto network = loadModel(4, transducer);
+        auto network = tinyNetwork(4, true, transducer ? kTransducer : kNontransducer);
         ChunkCallerMDCpu threaded(2, 100, 4, network), inline_(0, 100, 4, network);
         EXPECT_EQ(threaded.stride, 5u);
         auto a = chunkOf(*holder, 400, 400), b = chunkOf(*holder, 400, 400);
@@ -175,7 +148,7 @@ TEST(ChunkCallerMDCpu, CallsAPairChunkTheSameWhateverTheThreads) {
         EXPECT_EQ(Fields(a->sequence, a->qualities, a->score), Fields(b->sequence, b->qualities, b->score));
     }
     // Fewer samples than one stride, or one event on either strand: empty. Two events each: decoded.
-    ChunkCallerMDCpu caller(0, 100, 4, loadModel(4, true));
+    ChunkCallerMDCpu caller(0, 100, 4, tinyNetwork(4, true, kTransducer));
     for (const auto& c : std::vector<std::vector<std::uint64_t>>{{4, 400, 0}, {400, 4, 0}, {5, 400, 0},
                                                                  {400, 9, 0}, {10, 10, 1}}) {
         auto chunk = chunkOf(*holder, c[0], c[1]);
@@ -190,25 +163,9 @@ TEST(ChunkCallerMDCpu, CallsAPairChunkTheSameWhateverTheThreads) {
 }
 
 TEST(ChunkCallerMDCpu, EventModelsCallTheDetectedEvents) {
-    // A studentised-event model: one feed-forward layer over (level, spread, dwell) and a softmax over
-    // 256 states plus the stay column.
+    const auto network = tinyNetwork(4, false, kTransducer);
     std::mt19937 random(9);
-    std::normal_distribution<float> normal(0.0f, 1.0f), noise(0.0f, 0.1f);
-    std::vector<float> w1(3 * 8), b1(8), w2(8 * 257), b2(257);
-    for (auto* v : {&w1, &b1, &w2, &b2}) {
-        for (float& x : *v) x = normal(random);
-    }
-    auto network = std::make_shared<BasecallNN::NNCallerCblas>();
-    network->AddFeedforward(BasecallNN::v_tanh, 3, 8, Common::MatView<const float>(w1.data(), 3, 8, 8, 1),
-                            Common::VecView<const float>(b1.data(), 8, 1));
-    network->AddSoftmax(8, 257, Common::MatView<const float>(w2.data(), 8, 257, 257, 1),
-                        Common::VecView<const float>(b2.data(), 257, 1));
-    network->num_states = 257;
-    network->label_state = 256;
-    network->feature_kind = BasecallNN::kFeaturesStudentise;
-    network->decode_type = BasecallNN::kTransducer;
-    network->window = {0};
-
+    std::normal_distribution<float> noise(0.0f, 0.1f);
     // 40 levels of 20 samples on both strands, strand 2 the same levels in the other order.
     std::vector<float> s1;
     for (int i = 0; i < 800; ++i) s1.push_back(static_cast<float>((i / 20 * 7) % 5) - 2.0f + noise(random));
@@ -223,7 +180,7 @@ TEST(ChunkCallerMDCpu, EventModelsCallTheDetectedEvents) {
         ChunkCallerMDCpu caller(1, 100, 4, network);
         EXPECT_EQ(caller.maxEvents, 200u);
         caller.SubmitChunk(&chunk);
-        EXPECT_EQ(TestSupport::AwaitError([&] { caller.GetCompletedChunk(false); }),
+        EXPECT_EQ(AwaitError([&] { caller.GetCompletedChunk(false); }),
                   "Exception thrown in ChunkCallerMDCpu worker thread: Event detection settings are not valid.");
     }
     ChunkCallerMDCpu caller(0, 100, 4, network);
@@ -235,29 +192,7 @@ TEST(ChunkCallerMDCpu, EventModelsCallTheDetectedEvents) {
     EXPECT_GE(caller.Timings().events, 80u);
     EXPECT_LE(caller.Timings().events, 88u);
 
-    auto flipflop = std::make_shared<BasecallNN::NNCallerCblas>();
-    flipflop->decode_type = BasecallNN::kFlipflop;
-    flipflop->label_state = 4;
-    flipflop->feature_kind = BasecallNN::kFeaturesRaw;
-    EXPECT_EQ(ErrorOf([&] { ChunkCallerMDCpu refused(1, 100, 4, flipflop); }),
+    // k = 1 and the flip-flop decode: 5 states, like a flip-flop model's.
+    EXPECT_EQ(ErrorOf([&] { ChunkCallerMDCpu(1, 100, 4, tinyNetwork(1, true, kFlipflop)); }),
               "Cannot use Flipflop model for Md basecall.");
-}
-
-TEST(BufferedCaller, MadeFromTheRunConfiguration) {
-    BasecallNN::BasecallSettings settings;
-    settings.model_file = tinyModelFile(4, true);
-    settings.qscore_offset = 1.5f;
-    // A band makes a pair caller: the read comes back called chunk by chunk and joined.
-    AsyncCaller::BufferedCaller caller(2, 60, std::make_shared<BasecallNN::BasecallConfig>("", settings), 6, 10, 4);
-    EXPECT_EQ(caller.dimension, 1);
-    EXPECT_EQ(caller.stride, 5u);
-    caller.SetEventDetection(3, 6, 1.4f, 9.0f, 0.2f);
-    ASSERT_TRUE(caller.PassRead(*TestSupport::makePair(600, 5, 1)));
-    caller.Finish();
-    AsyncCaller::ReadList out;
-    caller.GetCompletedReads(out, 0);
-    ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out.front()->kmerLength, 4u);
-    EXPECT_EQ(out.front()->qscore_offset, 1.5f);
-    EXPECT_EQ(out.front()->qualities.size(), out.front()->sequence.size());
 }

@@ -1,12 +1,10 @@
 #include "test_util.h"
 #include "async_caller/event_detector.h"
 
-using AsyncCaller::DetectEvents;
-using AsyncCaller::EventDetectionSettings;
+using namespace AsyncCaller;
 
 namespace {
 
-// Levels of `width` samples each, with a little noise.
 std::vector<float> steps(const std::vector<float>& levels, std::size_t width, unsigned seed = 1) {
     std::mt19937 random(seed);
     std::normal_distribution<float> noise(0.0f, 0.2f);

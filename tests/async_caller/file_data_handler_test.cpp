@@ -5,19 +5,13 @@
 #include "read_files.h"
 #include "test_util.h"
 
-using AsyncCaller::FileDataHandler;
-using AsyncCaller::FileDataHandlerMD;
-using AsyncCaller::ReadHolderMD;
+using namespace AsyncCaller;
+using namespace TestSupport;
 using BasecallCommon::KernelIsa;
-using TestSupport::ErrorOf;
-using TestSupport::Eventually;
-using TestSupport::Fields;
-using TestSupport::ReadRecipe;
 
 namespace {
 
-// A pair handler of stride 5.
-struct Handler : TestSupport::LabelAligner {
+struct Handler : LabelAligner {
     std::unique_ptr<FileDataHandlerMD> handler;
     explicit Handler(std::uint32_t flags = 0) : handler(new FileDataHandlerMD(5, aligner, 2, nullptr, flags)) {}
     FileDataHandlerMD* operator->() { return handler.get(); }
@@ -25,7 +19,7 @@ struct Handler : TestSupport::LabelAligner {
 
 std::string newFile(const std::string& stem) {
     static int serial = 0;
-    return TestSupport::Scratch().File(stem + "_" + std::to_string(serial++) + ".rawh5");
+    return ScratchFile(stem + "_" + std::to_string(serial++) + ".rawh5");
 }
 
 ReadRecipe simpleRecipe(const std::string& sequence, std::vector<std::uint8_t> moves) {
@@ -49,13 +43,13 @@ Loaded loadLabels(const ReadRecipe& recipe, bool second, Handler* h = nullptr) {
     const std::string path = newFile("labels");
     {
         DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
-        TestSupport::writeRead(source, recipe);
+        writeRead(source, recipe);
     }
     Handler own;
     DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::ReadOnly);
     std::shared_ptr<DataAPI::ReadData> read = source.GetRead(recipe.id);
     Loaded out;
-    TestSupport::LogCapture log;
+    LogCapture log;
     out.ok = (h ? *h : own)->loadReadAndLabels(read, out.raw, out.info, second);
     out.log = log.Info();
     return out;
@@ -76,10 +70,10 @@ TEST(SignalScaling, EveryBuildMatchesTheScalarReference) {
     std::mt19937 random(5);
     std::uniform_int_distribution<int> sample(-32768, 32767);
     std::uniform_real_distribution<float> value(-300.0f, 300.0f);
-    const auto reference = AsyncCaller::detail::GetScalingKernels(KernelIsa::Scalar);
+    const auto reference = detail::GetScalingKernels(KernelIsa::Scalar);
     int variants = 0;
     for (const KernelIsa isa : {KernelIsa::Scalar, KernelIsa::Sse2, KernelIsa::Avx2, KernelIsa::Avx512}) {
-        const auto kernels = AsyncCaller::detail::GetScalingKernels(isa);
+        const auto kernels = detail::GetScalingKernels(isa);
         if (kernels.toPicoamps == nullptr) continue;  // this processor cannot run that build
         ++variants;
         SCOPED_TRACE(BasecallCommon::IsaName(isa));
@@ -87,10 +81,8 @@ TEST(SignalScaling, EveryBuildMatchesTheScalarReference) {
         for (const std::size_t n : {0, 1, 7, 8, 9, 15, 16, 17, 31, 1000, 4099}) {
             std::vector<std::int16_t> raw(n);
             std::vector<float> x(n), expect(n), got(n);
-            for (std::size_t i = 0; i < n; ++i) {
-                raw[i] = static_cast<std::int16_t>(sample(random));
-                x[i] = value(random);
-            }
+            std::generate(raw.begin(), raw.end(), [&] { return static_cast<std::int16_t>(sample(random)); });
+            std::generate(x.begin(), x.end(), [&] { return value(random); });
             reference.toPicoamps(raw.data(), n, -241, 0.170898f, expect.data());
             kernels.toPicoamps(raw.data(), n, -241, 0.170898f, got.data());
             std::vector<float> expectNorm = x, gotNorm = x;
@@ -112,7 +104,7 @@ TEST(SignalScaling, EveryBuildMatchesTheScalarReference) {
 TEST(FileProcessor, ScalesToPicoampsThenNormalises) {
     float median = 0.0f, mad = 0.0f;
     const float even[] = {4.0f, 1.0f, 3.0f, 10.0f};  // deviations 0.5, 2.5, 0.5, 6.5
-    AsyncCaller::MedianAndMad(even, 4, median, mad);
+    MedianAndMad(even, 4, median, mad);
     EXPECT_EQ(median, 3.5f);
     EXPECT_EQ(mad, 1.5f);
 
@@ -136,18 +128,9 @@ TEST(FileProcessor, ScalesToPicoampsThenNormalises) {
     EXPECT_FLOAT_EQ(out[4], 20.0f * (1.0f / (2.0f * 1.4826f)));
 }
 
-TEST(FileDataHandler, StartTimeTextAddsTheReadStart) {
-    const char* old = getenv("TZ");
-    const std::string saved = old ? old : "";
-    setenv("TZ", "UTC", 1);
-    tzset();
-    EXPECT_EQ(AsyncCaller::ReadStartTimeText("2017-06-01T23:59:59Z", 8000 * 3, 8000.0f), "2017-06-02T00:00:02Z");
-    EXPECT_EQ(AsyncCaller::ReadStartTimeText("not a time", 0, 4000.0f), "");
-    old ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
-    tzset();
-}
-
 TEST(FileDataHandler, LoadingConvertsMetadataAndScales) {
+    setenv("TZ", "UTC", 1);  // the start time is read as local time
+    tzset();
     ReadRecipe recipe = simpleRecipe("ACGTAC", {1, 1, 1});
     for (std::size_t i = 0; i < recipe.samples.size(); ++i) recipe.samples[i] = static_cast<std::int16_t>(i + 1);
     for (const bool numeric : {false, true}) {
@@ -157,14 +140,16 @@ TEST(FileDataHandler, LoadingConvertsMetadataAndScales) {
         ASSERT_TRUE(l.ok);
         const auto& m = l.raw.read;
         EXPECT_EQ(Fields(m.channel, m.read_id, m.read_number, m.start_time, m.duration, m.sampling_rate, m.run_id,
-                         m.sample_id, l.raw.offset, l.raw.stride),
-                  (numeric ? "345" : "12") + std::string(" read 17 4000 50 4000 run-1 sample-1 10 5"));
-        EXPECT_FALSE(m.start_time_text.empty());
+                         m.sample_id, l.raw.offset, l.raw.stride, m.start_time_text),
+                  (numeric ? "345" : "12") + std::string(" read 17 4000 50 4000 run-1 sample-1 10 5 ") +
+                      "2017-06-01T10:00:01Z");
         EXPECT_FLOAT_EQ(l.raw.scale, 1400.0f / 8192.0f);
         l.raw.scaleRaw(h->Processor(), 0);
         EXPECT_TRUE(l.raw.owns_raw);
         EXPECT_FLOAT_EQ(l.raw.read.median, 35.5f * (1400.0f / 8192.0f));  // samples 11 to 60 in picoamperes
     }
+    EXPECT_EQ(ReadStartTimeText("2017-06-01T23:59:59Z", 8000 * 3, 8000.0f), "2017-06-02T00:00:02Z");
+    EXPECT_EQ(ReadStartTimeText("not a time", 0, 4000.0f), "");
 }
 
 TEST(PairLoading, LabelsFromMovesAndFastqForEachKmerLength) {
@@ -255,31 +240,43 @@ TEST(PairLoading, EachRefusalIsLoggedWithItsText) {
     EXPECT_TRUE(loadLabels(partial, false).ok);
 
     std::vector<std::int32_t> labels;
-    EXPECT_EQ(ErrorOf([&] { AsyncCaller::LabelsFromMoves({}, "@r\nAC\n+\n!!\n", false, labels); }),
+    EXPECT_EQ(ErrorOf([&] { LabelsFromMoves({}, "@r\nAC\n+\n!!\n", false, labels); }),
               "Move dataset is empty.");
     DataAPI::DataTable events;
     events.AddField("model_state", DataAPI::DataType::FixedString, 5);
     events.Resize(0);
-    EXPECT_EQ(ErrorOf([&] { AsyncCaller::LabelsFromEvents(events, true, labels); }), "Events dataset is empty.");
+    EXPECT_EQ(ErrorOf([&] { LabelsFromEvents(events, true, labels); }), "Events dataset is empty.");
     Handler h;
     EXPECT_EQ(ErrorOf([&] { FileDataHandlerMD(0, h.aligner, 1, nullptr, 0); }),
               "The model's stride must be at least 1.");
 }
 
-using TestSupport::randomMolecules;
-using TestSupport::writePairs;
-
-TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
+TEST(PairLoading, GetReadFillsTheHolderOrDropsABadPair) {
     const std::string path = newFile("pairs");
     std::mt19937 random(11);
-    const auto pairs = writePairs(path, "p", randomMolecules(2, 120, random), random);
+    std::vector<std::string> bases = randomMolecules(5, 120, 120, random);
+    bases.push_back("ACGTA");  // one block each: the path has a single aligned entry
+    const auto pairs = writePairs(path, "p", bases, random, [](std::size_t i, ReadRecipe& one, ReadRecipe& two) {
+        if (i == 2) two.basecall = false;
+        if (i == 3) two.block_stride_value = 9;  // strands called with different block strides
+        if (i == 4) {
+            // Strand 1's segmentation ends 5 samples into its last block, at the end of the signal.
+            one.duration_template = static_cast<std::int64_t>(one.moves.size() * 10 - 5);
+            one.first_sample = static_cast<std::int64_t>(one.samples.size()) - one.duration_template;
+        }
+    });
     Handler h(/*flags=*/3);
-    TestSupport::LogCapture log;
+    LogCapture log;
     for (const auto& p : pairs) h->SubmitFilePair(p);
+    h->SubmitFilePair({path, path, "missing_1", "p0_1"});
     EXPECT_FALSE(h->NoMoreData());
     EXPECT_TRUE(h->NoMoreData());
-    ASSERT_TRUE(Eventually([&] { return h->LoadedCount() == 2; }));
-    EXPECT_EQ(h->PendingCount(), 0u);
+    // The last pair is looked at after the others are queued: wait for its line too.
+    ASSERT_TRUE(Eventually([&] {
+        return h->LoadedCount() == 5 && h->PendingCount() == 0 && log.Count("Error loading read pair") == 1;
+    }));
+    EXPECT_EQ(log.Count("Could not load read pair (p2_1, p2_2)."), 1u);
+    EXPECT_EQ(log.Count("Error loading read pair (missing_1, p0_1): Read id 'missing_1' not found"), 1u);
 
     ReadHolderMD holder;
     EXPECT_FALSE(h->GetRead(1, holder, 0));  // no high-priority reads here
@@ -307,57 +304,27 @@ TEST(PairLoading, GetReadFillsTheHolderAndPassCalledReadRestoresIt) {
     ReadHolderMD second;
     ASSERT_TRUE(h->GetRead(0, second, 1));
     // Its chunks fail to join when the last one is back; passing it on does not try (and log) again.
-    second.chunks.push_back(std::make_unique<AsyncCaller::ChunkDataMD>());
+    second.chunks.push_back(std::make_unique<ChunkDataMD>());
     second.Aggregate();
     h->PassCalledRead(second, 1);
     EXPECT_EQ(log.Count("Chunk aggregation failed for read pair ('p1_1', 'p1_2')."), 1u);
-    EXPECT_EQ(h->Processor().Count(), 2u);
-    EXPECT_TRUE(Eventually([&] { return !h->IsActive(); }));  // all loaded and taken
-}
-
-TEST(PairLoading, BadPairsAreDroppedOrEndWithASummaryRow) {
-    const std::string path = newFile("bad_pairs");
-    std::mt19937 random(2);
-    std::vector<std::string> bases = randomMolecules(3, 60, random);
-    bases.push_back("ACGTA");  // one block each: the path has a single aligned entry
-    const auto pairs = writePairs(path, "p", bases, random, [](std::size_t i, ReadRecipe& one, ReadRecipe& two) {
-        if (i == 0) two.basecall = false;
-        if (i == 1) two.block_stride_value = 9;  // strands called with different block strides
-        if (i == 2) {
-            // Strand 1's segmentation ends 5 samples into its last block, at the end of the signal.
-            one.duration_template = static_cast<std::int64_t>(one.moves.size() * 10 - 5);
-            one.first_sample = static_cast<std::int64_t>(one.samples.size()) - one.duration_template;
-        }
-    });
-    Handler h;
-    TestSupport::LogCapture log;
-    for (const auto& p : pairs) h->SubmitFilePair(p);
-    h->SubmitFilePair({path, path, "missing_1", "p0_1"});
-    h->NoMoreData();
-    // The last pair is looked at after the good ones are queued: wait for its line too.
-    ASSERT_TRUE(Eventually([&] {
-        return h->LoadedCount() == 3 && h->PendingCount() == 0 && log.Count("Error loading read pair") == 1;
-    }));
-    EXPECT_EQ(log.Count("Could not load read pair (p0_1, p0_2)."), 1u);
-    EXPECT_EQ(log.Count("Error loading read pair (missing_1, p0_1): Read id 'missing_1' not found"), 1u);
     const struct {
         const char* text;
         std::uint64_t rows;  // summary rows after it: none for the refused strides
-    } taken[] = {{"have different event strides. Cannot continue.", 0},
-                 {"has an aligned stretch outside its signal.", 1},
-                 {"did not produce a usable prior alignment.", 2}};
-    for (const auto& t : taken) {
-        ReadHolderMD holder;
+    } refused[] = {{"have different event strides. Cannot continue.", 2},
+                   {"has an aligned stretch outside its signal.", 3},
+                   {"did not produce a usable prior alignment.", 4}};
+    for (const auto& r : refused) {
         EXPECT_FALSE(h->GetRead(0, holder, 0));
-        EXPECT_EQ(log.Count(t.text), 1u);
-        EXPECT_EQ(h->Processor().Count(), t.rows);
+        EXPECT_EQ(log.Count(r.text), 1u);
+        EXPECT_EQ(h->Processor().Count(), r.rows);
     }
-    EXPECT_TRUE(Eventually([&] { return !h->IsActive(); }));
+    EXPECT_TRUE(Eventually([&] { return !h->IsActive(); }));  // all loaded and taken
 }
 
 TEST(PairLoading, AtMostAHundredPairsWaitLoaded) {
     std::mt19937 random(5);
-    const auto pairs = writePairs(newFile("many"), "p", randomMolecules(102, 40, random), random);
+    const auto pairs = writePairs(newFile("many"), "p", randomMolecules(102, 40, 40, random), random);
     Handler h;
     for (const auto& p : pairs) h->SubmitFilePair(p);
     h->NoMoreData();

@@ -14,8 +14,7 @@ std::string Record(const std::string& id) { return "@" + id + " runid=x\nACGT\n+
 
 class OutputResumeTest : public testing::Test {
 protected:
-    OutputResumeTest() : dir(fs::temp_directory_path() / fs::unique_path("kvx-resume-%%%%-%%%%")) {
-        fs::create_directories(dir);
+    OutputResumeTest() {
         // Summary rows for the pairs "a" and "b"; nothing else has finished.
         const auto& columns = AsyncCaller::PairSummaryColumns();
         std::ofstream summary((dir / "sequencing_summary.txt").string());
@@ -27,13 +26,12 @@ protected:
             }
         }
     }
-    ~OutputResumeTest() override { fs::remove_all(dir); }
-
     AsyncCaller::ResumeReport Repair(bool compressed) {
         return AsyncCaller::RepairOutputs(dir.string(), (dir / "sequencing_summary.txt").string(),
                                           AsyncCaller::PairSummaryColumns(), compressed);
     }
-    fs::path dir;
+    const TestSupport::TempDir scratch;
+    const fs::path dir = scratch.path;
 };
 
 }  // namespace

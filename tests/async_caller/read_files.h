@@ -1,10 +1,7 @@
 #pragma once
-// Small read files for the loading tests, written with the storage layer's write half, and a scratch
-// directory that goes away with the test program.
+// Small read files for the loading tests, written with the storage layer's write half.
 
 #include "test_util.h"
-
-#include <filesystem>
 
 #include "data_api/analysis_data.h"
 #include "data_api/data_table.h"
@@ -17,21 +14,10 @@
 
 namespace TestSupport {
 
-struct ScratchDir {
-    std::string path = (std::filesystem::temp_directory_path() / "kvx_async_caller_XXXXXX").string();
-    ScratchDir() {
-        if (mkdtemp(&path[0]) == nullptr) throw std::runtime_error("cannot make a scratch directory");
-    }
-    ~ScratchDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-    std::string File(const std::string& name) const { return path + "/" + name; }
-};
-
-inline ScratchDir& Scratch() {
-    static ScratchDir dir;
-    return dir;
+// A path in a scratch folder that goes away with the test program.
+inline std::string ScratchFile(const std::string& name) {
+    static const TempDir dir;
+    return (dir.path / name).string();
 }
 
 // A prior aligner over labels that score 100 when they match and `mismatch` otherwise.
@@ -64,13 +50,12 @@ struct ReadRecipe {
     std::int64_t block_stride_value = 10;
     std::vector<std::string> model_states;  // non-empty: write an "Events" table of these
     boost::any channel_number = std::string("12");
-    std::uint64_t start_time = 4000;
 };
 
 inline DataAPI::ReadMetadata readMetadata(const ReadRecipe& recipe) {
     return {{"raw_data",
              {{"read_id", recipe.id}, {"duration", static_cast<unsigned int>(recipe.samples.size())},
-              {"read_number", 17u}, {"start_time", static_cast<unsigned long>(recipe.start_time)},
+              {"read_number", 17u}, {"start_time", 4000ul},
               {"start_mux", 1u}, {"median_before", 220.0}}},
             {"channel_id",
              {{"digitisation", 8192.0}, {"offset", 10.0}, {"range", 1400.0}, {"sampling_rate", 4000.0},
@@ -125,17 +110,28 @@ inline std::string reverseComplement(const std::string& s) {
     return out;
 }
 
-// A pair of reads of one molecule for a 5-mer 1D model: strand 1 reads `bases`, strand 2 its reverse
-// complement, one block of 10 samples per base plus a few stays on strand 2, with 100 samples of
-// lead-in before the segmentation.
-inline void pairSpecs(const std::string& id, const std::string& bases, std::mt19937& random, ReadRecipe& one,
-                      ReadRecipe& two) {
+inline std::vector<std::string> randomMolecules(int count, std::size_t shortest, std::size_t longest,
+                                                std::mt19937& random) {
+    std::vector<std::string> out(static_cast<std::size_t>(count));
+    for (std::string& bases : out) {
+        bases.resize(std::uniform_int_distribution<std::size_t>(shortest, longest)(random));
+        for (char& c : bases) c = "ACGT"[random() % 4];
+    }
+    return out;
+}
+
+// Writes a pair of reads of each molecule to a new file, named <prefix><i>_1 and _2, for a 5-mer 1D
+// model: strand 1 reads the molecule, strand 2 its reverse complement, one block of 10 samples per
+// base plus a few stays on strand 2, with 100 samples of lead-in before the segmentation. `damage`
+// may spoil a pair before it is written.
+inline std::vector<AsyncCaller::ReadPair> writePairs(
+    const std::string& path, const std::string& prefix, const std::vector<std::string>& molecules,
+    std::mt19937& random, const std::function<void(std::size_t, ReadRecipe&, ReadRecipe&)>& damage = {}) {
     std::uniform_int_distribution<int> noise(-40, 40);
-    const auto build = [&](ReadRecipe& recipe, const std::string& seq, bool stays) {
-        recipe.id = id + (stays ? "_2" : "_1");
+    const auto build = [&](ReadRecipe& recipe, const std::string& id, const std::string& seq, bool stays) {
+        recipe.id = id;
         recipe.sequence = seq;
-        recipe.moves.clear();
-        recipe.moves.push_back(1);
+        recipe.moves.assign(1, 1);
         for (std::size_t b = 5; b < seq.size(); ++b) {
             recipe.moves.push_back(1);
             if (stays && b % 37 == 0) recipe.moves.push_back(0);
@@ -146,33 +142,13 @@ inline void pairSpecs(const std::string& id, const std::string& bases, std::mt19
             recipe.samples[i] = static_cast<std::int16_t>(500 + 40 * (seq[(i / 10) % seq.size()] & 7) + noise(random));
         }
     };
-    build(one, bases, false);
-    build(two, reverseComplement(bases), true);
-}
-
-inline std::string randomBases(std::size_t n, std::mt19937& random) {
-    std::uniform_int_distribution<int> base(0, 3);
-    std::string s(n, 'A');
-    for (char& c : s) c = "ACGT"[base(random)];
-    return s;
-}
-
-inline std::vector<std::string> randomMolecules(int count, std::size_t length, std::mt19937& random) {
-    std::vector<std::string> out;
-    for (int i = 0; i < count; ++i) out.push_back(randomBases(length, random));
-    return out;
-}
-
-// Writes a pair of reads of each molecule to a new file, named <prefix><i>_1 and _2; `damage` may
-// spoil a pair before it is written.
-inline std::vector<AsyncCaller::ReadPair> writePairs(
-    const std::string& path, const std::string& prefix, const std::vector<std::string>& molecules,
-    std::mt19937& random, const std::function<void(std::size_t, ReadRecipe&, ReadRecipe&)>& damage = {}) {
     std::vector<AsyncCaller::ReadPair> pairs;
     DataAPI::Rawh5::ReadSource source(path, DataAPI::H5Wrapper::H5Mode::CreateTruncate);
     for (std::size_t i = 0; i < molecules.size(); ++i) {
         ReadRecipe one, two;
-        pairSpecs(prefix + std::to_string(i), molecules[i], random, one, two);
+        const std::string id = prefix + std::to_string(i);
+        build(one, id + "_1", molecules[i], false);
+        build(two, id + "_2", reverseComplement(molecules[i]), true);
         if (damage) damage(i, one, two);
         writeRead(source, one);
         writeRead(source, two);

@@ -1,10 +1,7 @@
 #include "async_caller/read_holder_md.h"
 #include "test_util.h"
 
-using AsyncCaller::ChunkData;
-using AsyncCaller::ChunkDataMD;
-using AsyncCaller::ChunkList;
-using AsyncCaller::ReadHolderMD;
+using namespace AsyncCaller;
 
 namespace {
 

@@ -33,12 +33,8 @@
 
 namespace TestSupport {
 
-// The whole of a file, byte for byte; `path` is a std:: or boost:: path.
 template <typename Path>
-std::string Slurp(const Path& path) {
-    std::ifstream in(path.string(), std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
+std::string Slurp(const Path& path) { return ReadText(path.string()); }
 
 // The values on one line, blank-separated: one comparison for a record of fields.
 template <typename... T>

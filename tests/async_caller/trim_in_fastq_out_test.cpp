@@ -7,17 +7,10 @@
 #include "test_util.h"
 
 namespace fs = boost::filesystem;
-using AsyncCaller::PairSummaryColumns;
-using AsyncCaller::ReadHolderMD;
-using AsyncCaller::TrimInFastqOut;
-using TestSupport::Slurp;
+using namespace AsyncCaller;
+using namespace TestSupport;
 
 namespace {
-
-const std::string kHeader =
-    "filename1\tfilename2\tread_id1\tread_id2\trun_id\tchannel\tstart_time1\tstart_time2\ttrimmed_duration1\t"
-    "trimmed_duration2\ttrimmed_events1\ttrimmed_events2\tmedian1\tmedian2\tmad1\tmad2\tsequence_length\t"
-    "passes_filtering\tmean_qscore\tstrand_score\n";
 
 // The pieces of `text` between separators, without the empty one after a closing newline.
 std::vector<std::string> Split(const std::string& text, const char* separator = "\n") {
@@ -30,7 +23,7 @@ std::vector<std::string> Split(const std::string& text, const char* separator = 
 // A called pair as the data handler hands it back.
 ReadHolderMD Pair(const std::string& id, float mean_qscore, const std::string& sequence = "ACGTTGCA") {
     ReadHolderMD pair;
-    const auto strand = [&](AsyncCaller::ReadMeta& r, const char* file, std::uint64_t start,
+    const auto strand = [&](ReadMeta& r, const char* file, std::uint64_t start,
                             std::uint64_t duration, std::uint64_t trimmed, float median, float mad) {
         r.read_id = id + (&r == &pair.read1 ? "_1" : "_2");
         r.filename = file;
@@ -55,11 +48,6 @@ ReadHolderMD Pair(const std::string& id, float mean_qscore, const std::string& s
 
 class TrimInFastqOutTest : public testing::Test {
 protected:
-    TrimInFastqOutTest() : dir(fs::temp_directory_path() / fs::unique_path("kvx-tifo-%%%%-%%%%")) {
-        fs::create_directories(dir);
-    }
-    ~TrimInFastqOutTest() override { fs::remove_all(dir); }
-
     std::unique_ptr<TrimInFastqOut> Make(bool qscore_filtering, float min_qscore, std::size_t workers = 1,
                                          TrimInFastqOut::CalledReadReport report = {}) {
         return std::make_unique<TrimInFastqOut>(dir.string(), 4000, workers, 0.0f, 0.0f, summary().string(),
@@ -68,29 +56,42 @@ protected:
     }
     fs::path summary() const { return dir / "sequencing_summary.txt"; }
 
-    fs::path dir;
+    const TempDir scratch;
+    const fs::path dir = scratch.path;
 };
 
 }  // namespace
 
-TEST_F(TrimInFastqOutTest, SummaryAndFastqContentWithFiltering) {
+// Every pair gets a summary row; only the called ones get a FASTQ record, in the folder of their
+// mean qscore.
+TEST_F(TrimInFastqOutTest, SummaryRowsAndFastqRecordsWithFiltering) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    std::atomic<int> reports{0};
     {
-        auto processor = Make(true, 7.0f);
-        EXPECT_EQ(Slurp(summary()), kHeader);  // on disk before any row
-        auto exact = Pair("exact", 7.0f);      // equal to the threshold passes
-        exact.strand_score = std::numeric_limits<float>::quiet_NaN();
-        auto low = Pair("low", 6.99f), high = Pair("high", 12.0f);
-        for (auto* pair : {&exact, &low, &high}) processor->PostProcess(*pair, 0);
+        auto processor = Make(true, 7.0f, 2, [&reports](const ReadHolder&) { ++reports; });
+        auto exact = Pair("exact", 7.0f);  // equal to the threshold passes
+        exact.strand_score = nan;
+        auto low = Pair("low", 6.99f), high = Pair("high", 12.0f), failed = Pair("bad", 0.0f, "");
+        failed.read2.filename.clear();
+        failed.read1.run_id.clear();
+        auto unscored = Pair("nan", nan, "");
+        for (auto* pair : {&exact, &low, &high, &failed, &unscored}) processor->PostProcess(*pair, 1);
         EXPECT_TRUE(exact.passes_filtering && high.passes_filtering);
-        EXPECT_FALSE(low.passes_filtering);
+        EXPECT_FALSE(low.passes_filtering || failed.passes_filtering || unscored.passes_filtering);
     }
+    EXPECT_EQ(reports, 5);
     const auto lines = Split(Slurp(summary()));
-    ASSERT_EQ(lines.size(), 4u);
+    ASSERT_EQ(lines.size(), 6u);
     EXPECT_EQ(lines[1],
               "batch_0.rawh5\tbatch_1.rawh5\texact_1\texact_2\trun9\t412\t1.000000\t2.500000\t1.500000\t1.251250\t"
               "600\t500\t90.500000\t88.250000\t7.125000\t6.000000\t8\tTRUE\t7.000000\t0");
     EXPECT_EQ(Split(lines[2], "\t")[17], "FALSE");
     EXPECT_EQ(Split(lines[3], "\t")[17], "TRUE");
+    const auto cells = Split(lines[4], "\t");
+    ASSERT_EQ(cells.size(), 20u);
+    EXPECT_EQ(cells[1] + cells[4], "");  // no read file path, no run id
+    EXPECT_EQ(cells[16] + cells[17] + cells[18], "0FALSE0.000000");
+    EXPECT_EQ(Split(lines[5], "\t")[18], "0");  // NaN mean qscore
     const std::string tail = " runid=run9 sampleid=smp read=17 ch=412 start_time=2026-02-03T04:05:06Z\nACGTTGCA\n+\n";
     EXPECT_EQ(Slurp(dir / "pass" / "fastq_runid_run9_0.fastq"),
               "@exact_1" + tail + "++++++++\n@high_1" + tail + "++++++++\n");
@@ -99,31 +100,9 @@ TEST_F(TrimInFastqOutTest, SummaryAndFastqContentWithFiltering) {
     EXPECT_EQ(Split(fail).size(), 4u);
 }
 
-TEST_F(TrimInFastqOutTest, FailedPairsGetARowAndNoRecord) {
-    std::atomic<int> reports{0};
-    {
-        auto processor = Make(false, 7.0f, 2, [&reports](const AsyncCaller::ReadHolder&) { ++reports; });
-        auto failed = Pair("bad", 0.0f, "");
-        failed.read2.filename.clear();
-        failed.read1.run_id.clear();
-        auto nan = Pair("nan", std::numeric_limits<float>::quiet_NaN(), ""), good = Pair("good", 8.0f);
-        for (auto* pair : {&failed, &nan, &good}) processor->PostProcess(*pair, 1);
-        EXPECT_FALSE(failed.passes_filtering || nan.passes_filtering);
-    }
-    EXPECT_EQ(reports, 3);
-    const auto lines = Split(Slurp(summary()));
-    ASSERT_EQ(lines.size(), 4u);
-    const auto cells = Split(lines[1], "\t");
-    ASSERT_EQ(cells.size(), 20u);
-    EXPECT_EQ(cells[1] + cells[4], "");  // no read file path, no run id
-    EXPECT_EQ(cells[16] + cells[17] + cells[18], "0FALSE0.000000");
-    EXPECT_EQ(Split(lines[2], "\t")[18], "0");  // NaN mean qscore
-    EXPECT_EQ(Split(Slurp(dir / "fastq_runid_run9_0.fastq")).size(), 4u);  // only the called pair
-}
-
 TEST_F(TrimInFastqOutTest, AnUnwritableSummaryIsRefused) {
     const std::string bad = (dir / "missing" / "sequencing_summary.txt").string();
-    EXPECT_EQ(TestSupport::ErrorOf([&] {
+    EXPECT_EQ(ErrorOf([&] {
                   TrimInFastqOut(dir.string(), 4000, 1, 0.0f, 0.0f, bad, PairSummaryColumns(), "none", true, 7.0f,
                                  false);
               }),

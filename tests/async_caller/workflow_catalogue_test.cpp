@@ -5,23 +5,9 @@
 
 namespace fs = boost::filesystem;
 using namespace AsyncCaller;
+using namespace TestSupport;
 
 namespace {
-
-class TempDir {
-public:
-    TempDir() : path(fs::temp_directory_path() / fs::unique_path("kvx-wf-%%%%-%%%%")) { fs::create_directories(path); }
-    ~TempDir() { fs::remove_all(path); }
-    std::string File(const std::string& name, const std::string& content) const {
-        const auto file = (path / name).string();
-        fs::create_directories(fs::path(file).parent_path());
-        std::ofstream(file) << content;
-        return file;
-    }
-    fs::path path;
-};
-
-using TestSupport::ErrorOf;
 
 // A parsed run parameter set, as main has it before selection.
 struct RunParams {
@@ -46,6 +32,7 @@ TEST(WorkflowCatalogue, ScanBuildsEntriesPerFlowcellAndKit) {
              "compatible_flowcells = FC1,,FC2\ncompatible_kits = K1, K2\ncompatible_kits_with_barcoding = BC1\n");
     dir.File("a_first.cfg", "compatible_flowcells = FC9\ncompatible_kits = K9\nmodel_file = m.json\n");
     dir.File("notes.txt", "compatible_flowcells = X\ncompatible_kits = Y\n");
+    fs::create_directories(dir.path / "sub");
     dir.File("sub/deeper.cfg", "compatible_flowcells = X\ncompatible_kits = Y\n");
     std::vector<std::string> rows;
     for (const auto& entry : ScanWorkflows(dir.path.string())) {
