@@ -6,6 +6,8 @@
 #
 #   stop_resume_test.sh BIN_DIR [STOPS]
 set -euo pipefail
+# A command that fails outside a check ends the script; say which, so that a rare failure can be read.
+trap 'echo "FAIL: line $LINENO: $BASH_COMMAND (exit $?)"' ERR
 BIN=$1
 WORK=$(mktemp -d /tmp/kvx_resume.XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
@@ -56,7 +58,9 @@ cp -r "$WORK/original" "$WORK/kill_reads"
 stop_single_strand KILL 137 "$WORK/kill" --input_path "$WORK/kill_reads" --output_path "$WORK/annotated"
 dead=$(sh -c 'echo $$')
 cp "$WORK/original/$(ls "$WORK/original" | head -1)" "$WORK/annotated/.$(ls "$WORK/original" | tail -1).partial-$dead"
-last=$(tail -n 4 "$WORK/kill/calls_1d.fastq" | head -n 1 | cut -c 2- | cut -d ' ' -f 1)
+# awk reads to the end: a reader that quits early could kill the writer with SIGPIPE, which pipefail
+# turns into a silent abort of the script.
+last=$(tail -n 4 "$WORK/kill/calls_1d.fastq" | awk 'NR == 1 { print substr($1, 2) }')
 head -n -3 "$WORK/kill/calls_1d.fastq" >"$WORK/cut" && printf 'ACG' >>"$WORK/cut" && mv "$WORK/cut" "$WORK/kill/calls_1d.fastq"
 grep -v "	$last	" "$WORK/kill/index_1d.tsv" >"$WORK/cut" && mv "$WORK/cut" "$WORK/kill/index_1d.tsv"
 "$BIN/basecaller_1d" --input_path "$WORK/kill_reads" --output_path "$WORK/annotated" --save_path "$WORK/kill" \
@@ -99,7 +103,8 @@ for stop in $STOPS; do
         printf '@no_row_yet runid=x\nACGT\n+\n!!!!\n@cut_inside runid=x\nACG' >>"$last"
     elif [ "$kind" = gzkill ] && [ -n "$last" ]; then
         printf '@no_row_yet runid=x\nACGT\n+\n!!!!\n' | gzip -c >>"$last"
-        printf '@cut_inside runid=x\nACGTACGTACGT\n+\n!!!!!!!!!!!!\n' | gzip -c | head -c 25 >>"$last"
+        printf '@cut_inside runid=x\nACGTACGTACGT\n+\n!!!!!!!!!!!!\n' | gzip -c >"$WORK/member.gz"
+        head -c 25 "$WORK/member.gz" >>"$last"
     fi
     [ "$kind" != term ] && [ -f "$out/sequencing_summary.txt" ] && printf 'cut_row\tcut' >>"$out/sequencing_summary.txt"
     before=0
